@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// The gain of the mixes and the sum of a frame.
+#ifndef KESAUDIO_CHANNEL_FIXED_POINT_H
+#define KESAUDIO_CHANNEL_FIXED_POINT_H
+
+#include <cstdint>
+#include <type_traits>
+
+#include "channel/pcm.h"
+
+namespace kesaudio::channel {
+
+// 46346 / 32768 = 1.41437 (+3.01 dB). Deliberately not 46341, the nearest to the square root of two: users compare
+// results bit for bit.
+inline constexpr std::int32_t kMixGainQ15 = 46346;
+inline constexpr int kMixGainShift = 15;
+
+// x * 46346 / 2^shift, rounded towards minus infinity (an arithmetic shift, not a division). |x| <= 2^31, so the
+// product stays below 2^47.
+constexpr std::int64_t scaled(std::int32_t x, int shift) { return std::int64_t{x} * kMixGainQ15 >> shift; }
+
+// The mix gain g of every format. Only a 32-bit sample can leave 32 bits, and saturates.
+constexpr std::int32_t mixGain(std::int32_t x) { return clampTo<S32>(scaled(x, kMixGainShift)); }
+
+// Adds to a frame's sum in its own width. Frames of more channels than any layout has (65536 of 16 bits) can leave
+// it, and wrap: defined, if meaningless.
+template <class Sum>
+constexpr Sum addWrapping(Sum sum, std::int64_t term) {
+  using Unsigned = std::make_unsigned_t<Sum>;
+  return static_cast<Sum>(static_cast<Unsigned>(sum) + static_cast<Unsigned>(term));
+}
+
+}  // namespace kesaudio::channel
+
+#endif

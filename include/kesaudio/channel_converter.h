@@ -1,0 +1,79 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The channel converter: a small state machine over the entry points (channel_entry.h) for callers that drive every
+ * component through a record of operations.
+ *
+ *   KesAudioChannelConverterInC converter;
+ *   InitKesAudioChannelConverterInC(&converter);
+ *   converter.Open(&converter, 6, 2, KES_PCM_S16);
+ *   converter.Process(&converter, src, &inBytes, dst, &outBytes);
+ *   converter.Close(&converter);
+ *
+ * The caller owns the record. The component allocates nothing and logs one line, in its initialisation. One record is
+ * driven by one thread at a time; separate records are independent.
+ */
+#ifndef KESAUDIO_CHANNEL_CONVERTER_H
+#define KESAUDIO_CHANNEL_CONVERTER_H
+
+#include <kesaudio/types.h>
+
+/* Parameter IDs of SetParameter, and the member that each writes. */
+enum {
+  KES_CHANNEL_PARAM_FORMAT = 0,       /* mFormat */
+  KES_CHANNEL_PARAM_IN_CHANNELS = 2,  /* mInChannels */
+  KES_CHANNEL_PARAM_OUT_CHANNELS = 4, /* mOutChannels */
+  KES_CHANNEL_PARAM_UPMIX_MODE = 6,   /* mUpmixMode */
+  KES_CHANNEL_PARAM_MASK = 8,         /* mChannelMask */
+  KES_CHANNEL_PARAM_MASK_VALID = 10   /* mChannelMaskValid */
+};
+
+/* Open's limit on either channel count. */
+enum { KES_CHANNEL_CONVERTER_MAX_CHANNELS = 8 };
+
+typedef struct KesAudioChannelConverterInC KesAudioChannelConverterInC;
+struct KesAudioChannelConverterInC {
+  /* Stores value, unchecked, into the member of the ID. KES_OK in state 1, for unknown IDs too (nothing is stored);
+   * KES_REFUSED in state 2. Open replaces all six, so what is stored here never reaches Process. */
+  uint32_t (*SetParameter)(KesAudioChannelConverterInC* handle, int32_t paramID, uint32_t value);
+
+  /* Returns KES_OK, always; reads and writes nothing. value may be null. */
+  uint32_t (*GetParameter)(KesAudioChannelConverterInC* handle, int32_t paramID, void* value);
+
+  /* Between two streams: sets mChannelMask and mChannelMaskValid to 0, so that later downmixes use mask 0xFFFF (a
+   * mono output is then folded instead of averaged). KES_REFUSED in state 1. */
+  uint32_t (*Reset)(KesAudioChannelConverterInC* handle);
+
+  /* State 1 to 2. Stores the arguments and sets mUpmixMode 0, mChannelMask 0, mChannelMaskValid 1. KES_REFUSED, and
+   * nothing changes, in state 2 or with more than 8 channels on either side. Neither format nor 0 channels is
+   * refused. */
+  uint32_t (*Open)(KesAudioChannelConverterInC* handle, uint32_t inChannels, uint32_t outChannels, PcmFormat format);
+
+  /* State 2 to 1; nothing else changes. KES_REFUSED in state 1. */
+  uint32_t (*Close)(KesAudioChannelConverterInC* handle);
+
+  /* Converts as much of src as fits into dst. inBytes and outBytes as in channel_entry.h, with one exception:
+   *
+   *   mInChannels > mOutChannels   Audio_Channel_Downmix with mChannelMask if mChannelMaskValid is 1, else with
+   *                                0xFFFF; the mask used is stored in mChannelMask
+   *   mInChannels < mOutChannels   Audio_Channel_Upmix with mUpmixMode as zeroFill
+   *   equal                        nothing is converted or written and both counts stay as they were: there is
+   *                                nothing to do, and the input is the result
+   *
+   * Returns KES_OK; or KES_REFUSED, and nothing changes, in state 1, with a null src or dst, or with a count of 0.
+   * The count pointers are not checked. In place as the kernels allow. */
+  uint32_t (*Process)(KesAudioChannelConverterInC* handle, const void* src, uint32_t* inBytes, void* dst,
+                      uint32_t* outBytes);
+
+  ComponentState mState;
+  uint32_t mInChannels;
+  uint32_t mOutChannels;
+  PcmFormat mFormat;
+  uint32_t mUpmixMode;        /* 0: duplicate channels; any other value: add silent ones */
+  ChannelMask mChannelMask;   /* layout of the input; after a downmix, the mask that it used */
+  uint32_t mChannelMaskValid; /* 1: mChannelMask counts; any other value: 0xFFFF is used */
+};
+
+/* Fills the operations and sets mState to 1, whatever the record held before; the members after mState stay as they
+ * are until Open sets them. Logs one line: debug, tag "KesAudioChannelConvertInC". */
+KESAUDIO_API void InitKesAudioChannelConverterInC(KesAudioChannelConverterInC* handle);
+
+#endif

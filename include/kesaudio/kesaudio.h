@@ -1,0 +1,12 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Everything that kesaudio offers. */
+#ifndef KESAUDIO_KESAUDIO_H
+#define KESAUDIO_KESAUDIO_H
+
+#include <kesaudio/channel_converter.h>
+#include <kesaudio/channel_entry.h>
+#include <kesaudio/channel_kernels.h>
+#include <kesaudio/types.h>
+#include <kesaudio/version.h>
+
+#endif

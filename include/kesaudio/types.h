@@ -1,0 +1,75 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* Words that every component shares: sample formats, channel layouts, component states, return codes.
+ *
+ * They are 32-bit integers with named values, not enumeration types, because values without a name are legal
+ * everywhere: each function says what it does with them.
+ *
+ * A block of audio is interleaved PCM: frames of one sample per channel, channel 0 first, frames without gaps, any
+ * address (no alignment is needed). Sizes are byte counts.
+ */
+#ifndef KESAUDIO_TYPES_H
+#define KESAUDIO_TYPES_H
+
+#include <stdint.h>
+
+/* Marks the exported functions: C linkage and default visibility. All else stays inside the library. */
+#ifdef __cplusplus
+#define KESAUDIO_API extern "C" __attribute__((visibility("default")))
+#else
+#define KESAUDIO_API extern __attribute__((visibility("default")))
+#endif
+
+/* Sample format of a block, with the values of Android's audio formats. Samples are little-endian.
+ *
+ *   value  sample                            bytes  range
+ *   1      signed 16-bit                     2      -32768 .. 32767
+ *   3      signed 32-bit                     4      -2147483648 .. 2147483647
+ *   4      8.24 fixed point in 32 bits       4      as 3: the channel kernels treat 4 exactly like 3
+ *   6      signed 24-bit, packed             3      -8388608 .. 8388607, least significant byte first
+ *   5      32-bit float                      4      no kernel converts it: the destination stays as it was
+ *   other                                           as 5
+ */
+typedef uint32_t PcmFormat;
+enum { KES_PCM_S16 = 1, KES_PCM_S32 = 3, KES_PCM_Q8_24 = 4, KES_PCM_FLOAT = 5, KES_PCM_S24_PACKED = 6 };
+
+/* Channel positions of an input frame, one bit each, as Android numbers them. The channels of a frame come in the
+ * order of their bits. Only a downmix to two channels looks at the positions (channel_DownMix_To_Stereo); elsewhere
+ * a mask only chooses between kernels (Audio_Channel_Downmix).
+ */
+typedef uint32_t ChannelMask;
+enum {
+  KES_CHANNEL_FRONT_LEFT = 0x1,
+  KES_CHANNEL_FRONT_RIGHT = 0x2,
+  KES_CHANNEL_FRONT_CENTER = 0x4,
+  KES_CHANNEL_LOW_FREQUENCY = 0x8,
+  KES_CHANNEL_BACK_LEFT = 0x10,
+  KES_CHANNEL_BACK_RIGHT = 0x20,
+  KES_CHANNEL_BACK_CENTER = 0x100,
+
+  /* No layout in force. The two differ in one place: mixing down to one channel, 0 averages and 0xFFFF folds. */
+  KES_LAYOUT_NONE = 0,
+  KES_LAYOUT_UNKNOWN = 0xFFFF,
+
+  /* The layouts that have a stereo mix of their own. */
+  KES_LAYOUT_FRONT = 0x7,         /* FL FR FC */
+  KES_LAYOUT_2POINT1 = 0xB,       /* FL FR LFE */
+  KES_LAYOUT_STEREO_BACK = 0x103, /* FL FR BC */
+  KES_LAYOUT_QUAD = 0x33,         /* FL FR BL BR */
+  KES_LAYOUT_5POINT1 = 0x3F       /* FL FR FC LFE BL BR */
+};
+
+/* State of a component, in the mState member of its record. */
+typedef uint32_t ComponentState;
+enum {
+  KES_STATE_CLOSED = 1, /* initialised or closed: parameters can be set */
+  KES_STATE_OPEN = 2    /* blocks can be processed */
+};
+
+/* Return codes of component operations. */
+enum {
+  KES_OK = 0,
+  KES_BAD_PARAMETER = 1, /* unknown parameter ID or value out of range; the channel converter never returns it */
+  KES_REFUSED = 2 /* not allowed in this state, or failed; the record is unchanged unless its operation says so */
+};
+
+#endif
