@@ -12,24 +12,12 @@ using Record = KesAudioChannelConverterInC;
 uint32_t ChannelConverterSetParameter(Record* handle, int32_t paramID, uint32_t value) {
   if (handle->mState == KES_STATE_OPEN) return KES_REFUSED;
   switch (paramID) {
-    case KES_CHANNEL_PARAM_FORMAT:
-      handle->mFormat = value;
-      break;
-    case KES_CHANNEL_PARAM_IN_CHANNELS:
-      handle->mInChannels = value;
-      break;
-    case KES_CHANNEL_PARAM_OUT_CHANNELS:
-      handle->mOutChannels = value;
-      break;
-    case KES_CHANNEL_PARAM_UPMIX_MODE:
-      handle->mUpmixMode = value;
-      break;
-    case KES_CHANNEL_PARAM_MASK:
-      handle->mChannelMask = value;
-      break;
-    case KES_CHANNEL_PARAM_MASK_VALID:
-      handle->mChannelMaskValid = value;
-      break;
+    case KES_CHANNEL_PARAM_FORMAT: handle->mFormat = value; break;
+    case KES_CHANNEL_PARAM_IN_CHANNELS: handle->mInChannels = value; break;
+    case KES_CHANNEL_PARAM_OUT_CHANNELS: handle->mOutChannels = value; break;
+    case KES_CHANNEL_PARAM_UPMIX_MODE: handle->mUpmixMode = value; break;
+    case KES_CHANNEL_PARAM_MASK: handle->mChannelMask = value; break;
+    case KES_CHANNEL_PARAM_MASK_VALID: handle->mChannelMaskValid = value; break;
   }
   return KES_OK;
 }

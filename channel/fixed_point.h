@@ -22,8 +22,8 @@ constexpr std::int64_t scaled(std::int32_t x, int shift) { return std::int64_t{x
 // The mix gain g of every format. Only a 32-bit sample can leave 32 bits, and saturates.
 constexpr std::int32_t mixGain(std::int32_t x) { return clampTo<S32>(scaled(x, kMixGainShift)); }
 
-// Adds to a frame's sum in its own width. Frames of more channels than any layout has (65536 of 16 bits) can leave
-// it, and wrap: defined, if meaningless.
+// Adds to a frame's sum in its own width. Frames of very many channels can leave it, 24-bit folds of 182 the first,
+// and wrap: defined, if meaningless.
 template <class Sum>
 constexpr Sum addWrapping(Sum sum, std::int64_t term) {
   using Unsigned = std::make_unsigned_t<Sum>;

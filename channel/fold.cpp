@@ -27,7 +27,7 @@ template <class Pcm, class Channels>
 int32_t foldedFrame(const Byte* in, Channels channels, int shift) {
   typename Pcm::Sum sum = 0;
   for (int32_t c = 0; c < channels; ++c) sum = addWrapping(sum, scaled(Pcm::load(in + frameBytes<Pcm>(c)), shift));
-  if constexpr (std::is_same_v<Pcm, S32>) return static_cast<int32_t>(sum);
+  if constexpr (std::is_same_v<Pcm, S32>) return static_cast<int32_t>(sum);  // a clamp would change nothing
   return clampTo<Pcm>(sum);
 }
 
@@ -35,7 +35,7 @@ int32_t foldedFrame(const Byte* in, Channels channels, int shift) {
 
 void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                    int32_t byteCount, PcmFormat format) {
-  if (dstChannels <= 0 || srcChannels <= 0) return;
+  if (dstChannels <= 0) return;
   withPcm(format, [&](auto pcm) {
     using Pcm = decltype(pcm);
     withChannels(srcChannels, [&](auto channels) {

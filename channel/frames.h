@@ -28,24 +28,15 @@ constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
 template <class Body>
 void withChannels(std::int32_t channels, Body body) {
   switch (channels) {
-    case 1:
-      return body(std::integral_constant<std::int32_t, 1>{});
-    case 2:
-      return body(std::integral_constant<std::int32_t, 2>{});
-    case 3:
-      return body(std::integral_constant<std::int32_t, 3>{});
-    case 4:
-      return body(std::integral_constant<std::int32_t, 4>{});
-    case 5:
-      return body(std::integral_constant<std::int32_t, 5>{});
-    case 6:
-      return body(std::integral_constant<std::int32_t, 6>{});
-    case 7:
-      return body(std::integral_constant<std::int32_t, 7>{});
-    case 8:
-      return body(std::integral_constant<std::int32_t, 8>{});
-    default:
-      return body(channels);
+    case 1: return body(std::integral_constant<std::int32_t, 1>{});
+    case 2: return body(std::integral_constant<std::int32_t, 2>{});
+    case 3: return body(std::integral_constant<std::int32_t, 3>{});
+    case 4: return body(std::integral_constant<std::int32_t, 4>{});
+    case 5: return body(std::integral_constant<std::int32_t, 5>{});
+    case 6: return body(std::integral_constant<std::int32_t, 6>{});
+    case 7: return body(std::integral_constant<std::int32_t, 7>{});
+    case 8: return body(std::integral_constant<std::int32_t, 8>{});
+    default: return body(channels);
   }
 }
 

@@ -73,13 +73,10 @@ constexpr std::int32_t clampTo(std::int64_t value) {
 template <class Body>
 void withPcm(PcmFormat format, Body body) {
   switch (format) {
-    case KES_PCM_S16:
-      return body(S16{});
+    case KES_PCM_S16: return body(S16{});
     case KES_PCM_S32:
-    case KES_PCM_Q8_24:
-      return body(S32{});
-    case KES_PCM_S24_PACKED:
-      return body(P24{});
+    case KES_PCM_Q8_24: return body(S32{});
+    case KES_PCM_S24_PACKED: return body(P24{});
   }
 }
 

@@ -6,6 +6,8 @@
 //   Quad     FL FR BL BR                    s0 + g(s2)               s1 + g(s3)
 //   Mix5_1   FL FR FC LFE BL BR             s0 + g(t) + g(s4)        s1 + g(t) + g(s5),   t = s2 + g(s3), clamped
 //   pairwise n channels                     (s0 + s2 + ...) / n      (s1 + s3 + ...) / n
+#include <type_traits>
+
 #include "channel/fixed_point.h"
 #include "channel/frames.h"
 #include "kesaudio/channel_kernels.h"
@@ -112,14 +114,10 @@ void channel_DownMix_To_Stereo(void* dst, int32_t dstChannels, const void* src, 
   switch (mask) {
     case KES_LAYOUT_FRONT:
     case KES_LAYOUT_2POINT1:
-    case KES_LAYOUT_STEREO_BACK:
-      return mixLayout<Front3>(blocks, format);
-    case KES_LAYOUT_QUAD:
-      return mixLayout<Quad>(blocks, format);
-    case KES_LAYOUT_5POINT1:
-      return mixLayout<Mix5_1>(blocks, format);
-    default:
-      return withPcm(format, [&](auto pcm) { mixPairwise<decltype(pcm)>(blocks); });
+    case KES_LAYOUT_STEREO_BACK: return mixLayout<Front3>(blocks, format);
+    case KES_LAYOUT_QUAD: return mixLayout<Quad>(blocks, format);
+    case KES_LAYOUT_5POINT1: return mixLayout<Mix5_1>(blocks, format);
+    default: return withPcm(format, [&](auto pcm) { mixPairwise<decltype(pcm)>(blocks); });
   }
 }
 

@@ -8,6 +8,10 @@
  *   converter.Process(&converter, src, &inBytes, dst, &outBytes);
  *   converter.Close(&converter);
  *
+ * Through these operations a stereo downmix is always the pairwise average, a mono one the average (a fold once
+ * Reset) and an upmix always repeats channels: Open chooses so, and nothing can be set while open. For the mix of a
+ * layout, or for silent new channels, call Audio_Channel_Downmix or Audio_Channel_Upmix.
+ *
  * The caller owns the record. The component allocates nothing and logs one line, in its initialisation. One record is
  * driven by one thread at a time; separate records are independent.
  */
@@ -55,8 +59,8 @@ struct KesAudioChannelConverterInC {
    *   mInChannels > mOutChannels   Audio_Channel_Downmix with mChannelMask if mChannelMaskValid is 1, else with
    *                                0xFFFF; the mask used is stored in mChannelMask
    *   mInChannels < mOutChannels   Audio_Channel_Upmix with mUpmixMode as zeroFill
-   *   equal                        nothing is converted or written and both counts stay as they were: there is
-   *                                nothing to do, and the input is the result
+   *   equal                        nothing is converted or written and both counts stay as they were: the input is
+   *                                the result. A loop until inBytes is 0 would not end
    *
    * Returns KES_OK; or KES_REFUSED, and nothing changes, in state 1, with a null src or dst, or with a count of 0.
    * The count pointers are not checked. In place as the kernels allow. */
@@ -72,8 +76,9 @@ struct KesAudioChannelConverterInC {
   uint32_t mChannelMaskValid; /* 1: mChannelMask counts; any other value: 0xFFFF is used */
 };
 
-/* Fills the operations and sets mState to 1, whatever the record held before; the members after mState stay as they
- * are until Open sets them. Logs one line: debug, tag "KesAudioChannelConvertInC". */
+/* Logs "InitKesAudioChannelConverterInC" (debug, tag "KesAudioChannelConvertInC"), then fills the operations and sets
+ * mState to 1, whatever the record held before; the members after mState stay as they are until Open sets them. The
+ * pointer is not checked. */
 KESAUDIO_API void InitKesAudioChannelConverterInC(KesAudioChannelConverterInC* handle);
 
 #endif

@@ -4,13 +4,14 @@
  *
  * Common to both:
  *
- *   inChannels   channels per input frame; read as a signed number by the kernel, which writes nothing for 0 or less.
+ *   inChannels   channels per input frame.
  *   outChannels  channels per output frame.
  *   format       handed to the kernel as it is. The counts do not depend on it: with a format that no kernel
  *                converts they are rewritten all the same, and dst stays as it was.
  *   src, dst     must be valid for what is converted; in place as the kernel allows.
  *   inBytes      in: bytes available in src. Out: bytes not converted; keep them for the next call.
- *   outBytes     in: capacity of dst in bytes. Out: bytes written, or, when dst was the limit, still the capacity.
+ *   outBytes     in: capacity of dst in bytes. Out: the bytes that the input needs, or, when dst was the limit, still
+ *                the capacity. With whole frames on both sides, that is the bytes written.
  *
  * The accounting, in 32-bit unsigned arithmetic that wraps, x / 0 taken as 0, divisions rounded down:
  *
@@ -24,8 +25,15 @@
  *   capacity   300  ->   900 converted, inBytes 300, outBytes 300
  *   capacity   301  ->   900 converted, inBytes 300, outBytes 301 (300 were written)
  *
- * So when the output is the limit, give it a capacity of whole frames and outBytes is exact; and offer whole frames,
- * because a partial frame at the end counts as converted and is lost.
+ * Offer whole frames, and a capacity of whole frames. Parts of frames are counted, but never converted:
+ *
+ *   a partial frame at the end of the input counts as converted and is lost, and outBytes counts its share;
+ *   a partial frame at the end of a capacity that is the limit stays unwritten, but where its bytes are outChannels
+ * or more (302 in the example: 906 bytes taken) the input's share of them counts as converted: that much sound is
+ * lost, and the rest of the input begins inside a frame, its channels displaced.
+ *
+ * The kernels take signed 32-bit counts. With 2^31 channels or more on a side, with 2^31 bytes to convert, or with an
+ * upmix to 2^31 bytes, the counts are rewritten as always and nothing is written: offer smaller blocks.
  *
  * No pointer is checked. Neither function logs, allocates or keeps anything; both may run on any threads at once on
  * separate blocks.

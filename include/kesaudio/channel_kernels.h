@@ -5,9 +5,10 @@
  *
  *   dst          output block. Exactly the output frames are written: no byte before, between or after them.
  *   dstChannels  channels per output frame.
- *   src          input block. Exactly the whole input frames are read.
+ *   src          input block. At most the whole input frames are read.
  *   srcChannels  channels per input frame. 1 to 8 are the usual ones; more work too, with the same results, as long
- *                as a 16-bit or 24-bit frame's sum fits in 32 bits (beyond that the sum wraps).
+ *                as a frame's sum fits in 32 bits, beyond which it wraps: 24-bit folds of up to 181 channels, 24-bit
+ *                averages of 256, 16-bit folds of 46336, 16-bit averages of 65536. 32-bit sums always fit.
  *   byteCount    input bytes. frames = byteCount / sample bytes / srcChannels, each division rounded down; a partial
  *                frame at the end is ignored.
  *   format       sample format of both blocks: KES_PCM_S16, KES_PCM_S32, KES_PCM_Q8_24 or KES_PCM_S24_PACKED.
@@ -25,7 +26,8 @@
  * the function says so.
  *
  * Arithmetic: a product with a gain is shifted right arithmetically, so it rounds towards minus infinity, each term
- * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped.
+ * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped
+ * (the 32-bit fold needs no clamp: it cannot leave the range).
  *
  * The one gain is 46346 / 2^15 = 1.41437 (+3.01 dB), below written g(x) = (x * 46346) >> 15. It is not 46341, the
  * nearest to the square root of two: results are the platform's, bit for bit.

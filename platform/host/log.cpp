@@ -27,7 +27,7 @@ char letterOf(int priority) {
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
   if (priority < lowestShownPriority()) return 1;
 
-  char line[kMaxLineBytes + 1];
+  char line[kMaxLineBytes];
   int bytes = std::snprintf(line, kMaxLineBytes, "%c/%s: ", letterOf(priority), tag);
   if (bytes < 0) return -1;
   if (bytes < kMaxLineBytes) {

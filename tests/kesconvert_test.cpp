@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+// kesconvert as its users meet it: a program that is run on files, good and bad, in a folder of its own.
+#include <gtest/gtest.h>
+#include <kesaudio/channel_entry.h>
+#include <sndfile.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kFrames = 5000;  // more than a block, and not a multiple of it
+
+std::string contentOf(const fs::path& file) {
+  std::ostringstream content;
+  content << std::ifstream(file, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+// Samples as libsndfile gives them, in the high bits of 32, packed into bytes of each.
+std::string packed(const std::vector<int>& samples, std::size_t sampleBytes) {
+  std::string bytes;
+  for (const int sample : samples)
+    bytes.append(reinterpret_cast<const char*>(&sample) + 4 - sampleBytes, sampleBytes);
+  return bytes;
+}
+
+class Kesconvert : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = mkdtemp((fs::temp_directory_path() / "kesconvert-XXXXXX").string().data());
+    setenv("K", KESCONVERT_PATH, 1);
+  }
+  void TearDown() override { fs::remove_all(folder_); }
+
+  // Runs a shell command in the folder, $K is the program, and returns its exit code.
+  int run(const std::string& command) {
+    const int status = std::system(("cd " + folder_.string() + " && { " + command + "; } >.out 2>.err").c_str());
+    out_ = std::regex_replace(contentOf(folder_ / ".out"), std::regex("\n"), "|");
+    err_ = contentOf(folder_ / ".err");
+    return WEXITSTATUS(status);
+  }
+
+  // Writes noise that reaches both limits, and returns it.
+  std::vector<int> write(const std::string& name, int format, unsigned channels, std::vector<int> map = {}) {
+    SF_INFO info{0, 48000, static_cast<int>(channels), format, 0, 0};
+    SNDFILE* file = sf_open((folder_ / name).c_str(), SFM_WRITE, &info);
+    sf_command(file, SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(map.size() * sizeof(int)));
+    std::vector<int> samples(kFrames * channels);
+    std::uint32_t noise = 1;
+    for (int& sample : samples) sample = static_cast<int>(noise = noise * 1664525 + 1013904223);
+    samples.front() = INT32_MAX;
+    samples.back() = INT32_MIN;
+    sf_writef_int(file, samples.data(), kFrames);
+    sf_close(file);
+    return samples;
+  }
+
+  std::vector<int> read(const std::string& name, SF_INFO& info) {
+    SNDFILE* file = sf_open((folder_ / name).c_str(), SFM_READ, &info);
+    std::vector<int> samples(static_cast<std::size_t>(info.frames * info.channels));
+    sf_readf_int(file, samples.data(), info.frames);
+    sf_close(file);
+    return samples;
+  }
+
+  void put(const std::string& name, const std::string& content) {
+    std::ofstream(folder_ / name, std::ios::binary) << content;
+  }
+
+  // Every file in the folder and what is in it, but for the program's messages.
+  std::map<std::string, std::string> files() const {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : fs::directory_iterator(folder_))
+      found[entry.path().filename()] = contentOf(entry.path());
+    found.erase(".out");
+    found.erase(".err");
+    return found;
+  }
+
+  fs::path folder_;
+  std::string out_;  // with | for the ends of lines
+  std::string err_;
+};
+
+constexpr int kFl = SF_CHANNEL_MAP_LEFT, kFr = SF_CHANNEL_MAP_RIGHT, kFc = SF_CHANNEL_MAP_CENTER,
+              kLfe = SF_CHANNEL_MAP_LFE;
+const std::vector<int> k5Point1 = {kFl, kFr, kFc, kLfe, SF_CHANNEL_MAP_REAR_LEFT, SF_CHANNEL_MAP_REAR_RIGHT};
+const std::vector<int> k5Point1Side = {kFl, kFr, kFc, kLfe, SF_CHANNEL_MAP_SIDE_LEFT, SF_CHANNEL_MAP_SIDE_RIGHT};
+
+TEST_F(Kesconvert, ConvertsAsTheLibraryDoesAndSaysHow) {
+  constexpr int kWav = SF_FORMAT_WAV, kWavex = SF_FORMAT_WAVEX;
+  const struct {
+    int container;
+    unsigned bytes, inChannels;
+    std::vector<int> map;
+    std::string out;
+    unsigned outChannels;
+    std::string options;
+    ChannelMask mask;  // for the library
+    const char* says;
+    ChannelMask wavMask;  // of an extensible WAV
+  } kCases[] = {
+      {kWavex, 2, 6, k5Point1, "o.wav", 2, "", 0x3F, "5.1 .*from the file's channel map.*5.1 .*To_Stereo", 0},
+      {kWavex, 3, 6, k5Point1Side, "o.wav", 2, "", 0x3F, "5.1-side .*side channels are mixed as back", 0x3},
+      {kWavex, 2, 3, {kFl, kFr, kLfe}, "o.aiff", 2, "", 0xB, "2.1 .*from the file", 0},
+      {kWav, 4, 4, {}, "o.wav", 2, "--layout quad --block 1", 0x33, "quad .*from --layout", 0x3},
+      {kWav, 2, 8, {}, "o.flac", 2, "--layout 0x3F", 0x3F, "from 7 on have no position.*from 7 on are left out", 0},
+      {SF_FORMAT_FLAC, 3, 6, {}, "o.caf", 2, "", 0x3F, "5.1 .*FLAC's fixed order", 0},
+      {kWav, 2, 6, {}, "o.wav", 2, "", 0, "unknown.*pairwise average", 0},
+      {kWav, 3, 4, {}, "o.flac", 2, "--layout quad-side", 0, "quad-side.*pairwise average", 0},
+      {kWavex, 2, 6, k5Point1, "o.wav", 1, "--block 7", 0, "Fold_Mono_Average", 0},
+      {kWavex, 2, 6, k5Point1, "o.wav", 4, "", 0, "Strip.*FL FR FC LFE,", 0xF},
+      {SF_FORMAT_AIFF, 3, 2, {}, "o.wav", 6, "--upmix zero", 0, "WithZero.*5.1 ", 0x3F},
+      {SF_FORMAT_CAF, 4, 1, {}, "o.wav", 3, "", 0, "mono.*Duplicate.*3.0", 0x7},
+      {kWav, 2, 2, {}, "o.wav", 2, "", 0, "stereo.*copied as they are", 0},
+      {kWav, 2, 6, {}, "o.wav", 6, "", 0, "output: .*unknown", 0},
+      {kWavex, 2, 6, k5Point1Side, "o.flac", 6, "", 0, "readers will take it for 5.1 ", 0},
+      {SF_FORMAT_RF64, 2, 6, k5Point1, "o.w64", 8, "", 0, "readers will take it for unknown", 0},
+  };
+  for (const auto& [container, bytes, inChannels, map, out, outChannels, options, mask, says, wavMask] : kCases) {
+    SCOPED_TRACE(testing::Message() << inChannels << " channels to " << outChannels << " in " << out << ": " << says);
+    const int subtype = SF_FORMAT_PCM_16 + static_cast<int>(bytes) - 2;
+    const std::string in = packed(write("in", container | subtype, inChannels, map), bytes);
+    std::string want(std::size_t{kFrames} * outChannels * bytes, '\0');
+    const PcmFormat format = bytes == 2 ? KES_PCM_S16 : bytes == 3 ? KES_PCM_S24_PACKED : KES_PCM_S32;
+    auto inBytes = static_cast<std::uint32_t>(in.size()), outBytes = static_cast<std::uint32_t>(want.size());
+    if (inChannels == outChannels) want = in;
+    if (inChannels > outChannels)
+      Audio_Channel_Downmix(inChannels, outChannels, format, in.data(), &inBytes, want.data(), &outBytes, mask);
+    if (inChannels < outChannels)
+      Audio_Channel_Upmix(inChannels, outChannels, format, in.data(), &inBytes, want.data(), &outBytes,
+                          options == "--upmix zero");
+
+    ASSERT_EQ(run("$K in " + out + " --channels " + std::to_string(outChannels) + " " + options), 0) << err_;
+    SF_INFO info{};
+    EXPECT_EQ(packed(read(out, info), bytes), want);
+    EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, subtype);
+    EXPECT_TRUE(std::regex_search(out_, std::regex(says))) << out_;
+    const std::string header = contentOf(folder_ / out).substr(0, 44);
+    const bool isExtensible = header.starts_with("RIFF") && header.substr(20, 2) == "\xFE\xFF";
+    EXPECT_EQ(isExtensible, out == "o.wav" && (outChannels > 2 || bytes > 2));
+    EXPECT_EQ(isExtensible ? static_cast<unsigned char>(header[40]) : 0, wavMask);
+  }
+}
+
+TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
+  put("six.bin", packed(write("six.wav", SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 6, k5Point1), 3));
+  write("two.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 2);
+  write("old.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1);
+  const std::string old = contentOf(folder_ / "old.wav"), unknownSize(4, '\0');
+  put("open.wav", old.substr(0, 4) + unknownSize + old.substr(8, 32) + unknownSize + old.substr(44));
+  put("none.wav", old.substr(0, 4) + std::string("\x24\0\0\0", 4) + old.substr(8, 32) + unknownSize);
+  const char* const kCommands[] = {
+      "$K six.wav - --raw 48000:6:s24 | cmp - six.bin",
+      "cat six.bin | $K - six2.wav --raw 48000:6:s24 --layout 5.1 && $K six2.wav out.bin --raw 48000:6:s24 && "
+      "cmp out.bin six.bin",
+      "cat two.flac | $K - - | cat > out.wav && $K two.flac out2.wav && cmp out.wav out2.wav",
+      "$K open.wav out2.bin --raw 48000:1:s16 && tail -c +45 old.wav | cmp - out2.bin",
+      "$K none.wav out.wav && cmp out.wav none.wav",
+      "ln -s target.wav link.wav && $K two.flac link.wav && test -h link.wav && cmp target.wav out2.wav",
+      "mkfifo p && { cat p > out4.wav & $K two.flac p; } && wait && cmp out4.wav out2.wav && test -p p",
+      "chmod 640 out.wav && $K two.flac out.wav && test $(stat -c %a out.wav) = 640",
+      "head -c 9999999 /dev/zero | $K - - --raw 8000:1:s16 2>quiet | head -c 1 && ! grep kesconvert: quiet",
+      "mkfifo q && exec 3<>q && { $K q stopped.wav --raw 8000:1:s16 & } && while ! ls .kesconvert-* && kill -0 $!; "
+      "do :; done; "
+      "kill $! && ! wait $! && ! ls .kesconvert-* && ! ls stopped.wav",
+      R"(printf '\000\100\000\200\377\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
+      "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 clipped' says",
+      "$K --version | grep -Eq '^kesconvert [0-9.]+$' && $K --help | grep -q Examples",
+  };
+  for (const char* command : kCommands) EXPECT_EQ(run(command), 0) << command << "\n" << out_ << err_;
+}
+
+TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
+  struct Case {
+    int exitCode;
+    std::string command, says;
+  };
+  std::vector<Case> cases = {
+      {2, "$K f.wav", "OUT is required"},
+      {2, "$K f.wav o.wav --channels 9", "Value 9 not in range 1 to 8"},
+      {2, "$K f.wav o.wav --layout 9.9", "9.9 is unknown; use"},
+      {2, "$K f.wav - --raw 8000:2", "8000:2 is not RATE:CHANNELS:FORMAT; give"},
+      {2, "$K f.wav o.raw", "o.raw is raw PCM by its name; say"},
+      {2, "$K f.wav o.wav --raw 48000:2:s16", "neither f.wav nor o.wav is raw PCM; leave"},
+      {1, "$K f.wav o.bin --raw 48000:2:s24", "give --raw 48000:2:s16"},
+      {1, "$K f.wav o.wav --layout 5.1", "places 6 channels, but f.wav has 2; use"},
+      {1, "$K none.wav o.wav", "none.wav: No such file or directory; check"},
+      {1, "$K 'two\nlines' o.wav", "two.lines: No such file or directory; check"},
+      {1, "$K folder o.wav", "folder: Is a directory; check"},
+      {1, "$K text.wav o.wav", "text.wav: .*; give"},
+      {1, "$K float.wav o.wav", "float.wav holds 32 bit float samples; .*sox float.wav"},
+      {1, "$K ten.wav o.wav", "ten.wav has 10 channels; kesconvert takes 1 to 8"},
+      {1, "head -c 7 f.wav | $K - old.wav --raw 8000:2:s16", "- ends inside a frame of 4 bytes; check"},
+      {1, "$K f.wav nowhere/o.wav", "nowhere/o.wav: No such file or directory; check"},
+      {1, "$K f.wav folder", "folder: Is a directory; check"},
+      {1, "$K f.wav o.ogg", "o.ogg: .*; use"},
+      {1, "$K wide.wav old.flac", "old.flac: FLAC .* does not take 2 channels of 32 bits; use"},
+      {1, "$K f.wav ./f.wav", "f.wav is the input itself; give"},
+      {1, "$K f.wav /dev/full", "/dev/full: No space left on device; make room"},
+      {1, "$K f.wav /dev/full --raw 48000:2:s16", "/dev/full: No space left on device; make room"},
+      {1, "(ulimit -f 1; $K f.wav old.wav --channels 8)", "old.wav: File too large; make room"},
+  };
+  for (const auto& [name, format] : std::map<std::string, int>{{"f.wav", SF_FORMAT_WAV},
+                                                               {"f.aiff", SF_FORMAT_AIFF},
+                                                               {"f.rf64", SF_FORMAT_RF64},
+                                                               {"f.flac", SF_FORMAT_FLAC},
+                                                               {"f.caf", SF_FORMAT_CAF},
+                                                               {"f.w64", SF_FORMAT_W64}}) {
+    write(name, format | SF_FORMAT_PCM_16, 2);
+    const std::string whole = contentOf(folder_ / name);
+    for (const std::size_t bytes : {whole.size() - 1, whole.size() / 2, std::size_t{43}, std::size_t{0}}) {
+      put(std::to_string(bytes) + name, whole.substr(0, bytes));
+      cases.push_back({1, "$K " + std::to_string(bytes) + name + " old.wav", name});
+    }
+  }
+  write("float.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 2);
+  write("wide.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_32, 2);
+  write("ten.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 10);
+  for (const char* name : {"text.wav", "old.wav", "old.flac"}) put(name, "This was here before.\n");
+  fs::create_directory(folder_ / "folder");
+
+  const auto before = files();
+  for (const auto& [exitCode, command, says] : cases) {
+    EXPECT_EQ(run(command), exitCode) << command;
+    EXPECT_TRUE(std::regex_match(err_, std::regex("kesconvert: .*" + says + ".*\n"))) << command << "\n" << err_;
+    EXPECT_EQ(files(), before) << command;
+  }
+}
+
+}  // namespace

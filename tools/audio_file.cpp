@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "audio_file.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "failure.h"
+
+namespace kesconvert {
+namespace {
+
+// A length beyond any file's: with it libsndfile believes a header instead of cutting what it promises down to what
+// is there.
+constexpr sf_count_t kEndless = sf_count_t{1} << 50;
+
+// Where the containers end whose sizes have 32 bits, with room for the longest header.
+constexpr std::uint64_t kMostBytes = 0xFFFFFFFF - 4096;
+
+constexpr const char* kAdvice = "get it anew from where it came";
+
+constexpr int kSubtypes[] = {SF_FORMAT_PCM_16, SF_FORMAT_PCM_24, SF_FORMAT_PCM_32};  // of 2, 3, 4 bytes
+
+bool isOneOf(int format, std::initializer_list<int> formats) {
+  return std::ranges::find(formats, format) != formats.end();
+}
+
+SF_INFO infoOf(const StreamFormat& format, int major) {
+  SF_INFO info{};
+  info.samplerate = format.rate;
+  info.channels = static_cast<int>(format.channels);
+  info.format = major | kSubtypes[format.sampleBytes - 2] | (major == SF_FORMAT_RAW ? SF_ENDIAN_LITTLE : 0);
+  return info;
+}
+
+VirtualFile& fileOf(void* user) { return *static_cast<VirtualFile*>(user); }
+
+sf_count_t seekVirtual(sf_count_t offset, int whence, void* user) {
+  VirtualFile& file = fileOf(user);
+  return file.position = offset + (whence == SEEK_CUR ? file.position : whence == SEEK_END ? file.length : 0);
+}
+
+// Moves bytes by call(bytes done, bytes to do) until they are all moved or it returns 0 or fails.
+template <class Call>
+sf_count_t moveAll(VirtualFile& file, sf_count_t count, Call call) {
+  sf_count_t done = 0;
+  while (done < count) {
+    const ssize_t moved = call(done, static_cast<std::size_t>(count - done));
+    if (moved < 0) file.error = errno;
+    if (moved <= 0) break;
+    done += moved;
+    file.position += moved;
+  }
+  return done;
+}
+
+sf_count_t readVirtual(void* target, sf_count_t count, void* user) {
+  VirtualFile& file = fileOf(user);
+  auto* bytes = static_cast<unsigned char*>(target);
+  const sf_count_t start = file.position;
+  const sf_count_t got = moveAll(file, count, [&](sf_count_t done, std::size_t left) {
+    return file.sequential ? ::read(file.fd, bytes + done, left) : pread(file.fd, bytes + done, left, file.position);
+  });
+  if (file.unknownSizeAt >= 0)
+    for (sf_count_t i = std::max(start, file.unknownSizeAt); i < std::min(start + got, file.unknownSizeAt + 4); ++i)
+      bytes[i - start] = 0xFF;
+  return got;
+}
+
+sf_count_t writeVirtual(const void* source, sf_count_t count, void* user) {
+  VirtualFile& file = fileOf(user);
+  const auto* bytes = static_cast<const unsigned char*>(source);
+  const sf_count_t put = moveAll(file, count, [&](sf_count_t done, std::size_t left) {
+    return file.sequential ? ::write(file.fd, bytes + done, left)
+                           : pwrite(file.fd, bytes + done, left, file.position);
+  });
+  file.length = std::max(file.length, file.position);
+  return put;
+}
+
+SNDFILE* openSound(VirtualFile& file, int mode, SF_INFO& info) {
+  SF_VIRTUAL_IO io{[](void* user) { return fileOf(user).length; }, seekVirtual, readVirtual, writeVirtual,
+                   [](void* user) { return fileOf(user).position; }};
+  file.position = 0;
+  return sf_open_virtual(&io, mode, &info, &file);
+}
+
+// libsndfile's reason, without a sound that of the last open.
+std::string reasonOf(SNDFILE* sound) {
+  const std::string reason = sf_strerror(sound);
+  return reason.substr(0, reason.find_last_not_of(".\n") + 1);
+}
+
+const char* nameOfFormat(int format) {
+  SF_FORMAT_INFO info{format, "nameless", nullptr};
+  sf_command(nullptr, SFC_GET_FORMAT_INFO, &info, sizeof info);
+  return info.name;
+}
+
+std::uint32_t readWord(int fd, off_t at) {
+  std::uint32_t word = 0;
+  return pread(fd, &word, sizeof word, at) == sizeof word ? word : 0;
+}
+
+// Where a WAV has the chunk, its name and size included; 0 if nowhere.
+off_t findChunk(int fd, const char* name) {
+  char id[4];
+  for (off_t at = 12; pread(fd, id, sizeof id, at) == sizeof id;) {
+    if (std::memcmp(id, name, sizeof id) == 0) return at;
+    const off_t size = readWord(fd, at + 4);
+    at += 8 + size + size % 2;
+  }
+  return 0;
+}
+
+// Where a WAV says that it has no audio although some follows, as a writer leaves it that cannot go back; else -1.
+off_t unfilledSize(int fd, off_t length) {
+  const off_t data = findChunk(fd, "data") + 8;
+  const off_t end = off_t{8} + readWord(fd, 4);
+  const bool chunksFollow = data < end && end <= length;
+  return data > 8 && readWord(fd, data - 4) == 0 && data < length && !chunksFollow ? data - 4 : -1;
+}
+
+// What a file without a channel map is taken for.
+ChannelMask layoutWithoutMap(int major, unsigned channels) {
+  if (major == SF_FORMAT_FLAC) return flacLayout(channels);
+  return channels <= 2 ? standardLayout(channels) : ChannelMask{KES_LAYOUT_NONE};
+}
+
+// Whether the file ends too early in a way that libsndfile overlooks: inside a WAV's last header field, or anywhere
+// in a W64, which says how long it is as a whole.
+bool isCutUnnoticed(int fd, int major, off_t length) {
+  if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) return length < findChunk(fd, "data") + 8;
+  constexpr off_t kWholeLengthAt = 16;
+  return major == SF_FORMAT_W64 &&
+         length < readWord(fd, kWholeLengthAt) + (off_t{readWord(fd, kWholeLengthAt + 4)} << 32);
+}
+
+// Whether a header's size is what programs write that do not know it: the largest, or nearly, of 32 or 31 bits.
+bool standsForUnknown(std::uint64_t bytes, std::uint64_t frameBytes) {
+  const auto isJustBelow = [&](std::uint64_t mark) { return bytes <= mark && bytes + frameBytes + 0xFFF > mark; };
+  return bytes >= kEndless / 2 || isJustBelow(0xFFFFFFFF) || isJustBelow(0x7FFFFFFF) || isJustBelow(0x7F000000);
+}
+
+}  // namespace
+
+std::optional<int> containerOfName(const std::string& name) {
+  std::string extension = std::filesystem::path(name).extension();
+  std::ranges::transform(extension, extension.begin(), [](unsigned char c) { return std::tolower(c); });
+  if (extension == ".wav") return SF_FORMAT_WAV;  // others go by that name too
+  if (extension == ".aif") return SF_FORMAT_AIFF;
+  if (extension == ".aifc") return SF_FORMAT_AIFF | SF_ENDIAN_LITTLE;
+  int count = 0;  // SD2 is out since it takes a second file
+  sf_command(nullptr, SFC_GET_FORMAT_MAJOR_COUNT, &count, sizeof count);
+  for (SF_FORMAT_INFO info{}; --count >= 0;) {
+    info.format = count;
+    sf_command(nullptr, SFC_GET_FORMAT_MAJOR, &info, sizeof info);
+    if (info.format != SF_FORMAT_RAW && info.format != SF_FORMAT_SD2 &&
+        extension == std::string(".") + info.extension)
+      return info.format;
+  }
+  return std::nullopt;
+}
+
+AudioSource::AudioSource(const Descriptor& file, const std::string& name, const std::optional<StreamFormat>& raw)
+    : name_(name), file_{file.get(), raw.has_value(), kEndless} {
+  const struct stat status = file.status();
+  SF_INFO info{};
+  if (raw) {
+    info = infoOf(*raw, SF_FORMAT_RAW);
+    setSound(openSound(file_, SFM_READ, info));
+  } else {
+    lseek(file_.fd, 0, SEEK_SET);
+    setSound(sf_open_fd(file_.fd, SFM_READ, &info, SF_FALSE));
+  }
+  const int major = info.format & SF_FORMAT_TYPEMASK;
+  const sf_count_t framesThere = info.frames;
+  if (isCutUnnoticed(file_.fd, major, status.st_size)) fail("{} is cut short; {}", name, kAdvice);
+  if (isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX, SF_FORMAT_RF64, SF_FORMAT_AIFF, SF_FORMAT_AU, SF_FORMAT_CAF})) {
+    if (info.frames == 0 && isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX}))
+      file_.unknownSizeAt = unfilledSize(file_.fd, status.st_size);
+    info = {};
+    setSound(openSound(file_, SFM_READ, info));
+  }
+
+  const int subtype = info.format & SF_FORMAT_SUBMASK;
+  const auto width = std::ranges::find(kSubtypes, subtype) - kSubtypes;
+  if (width == std::ssize(kSubtypes))
+    fail("{} holds {} samples; convert it to 16, 24 or 32-bit PCM first, e.g. sox {} -e signed-integer -b {} pcm.wav",
+         name, nameOfFormat(subtype), name, isOneOf(subtype, {SF_FORMAT_FLOAT, SF_FORMAT_DOUBLE}) ? 24 : 16);
+  format = {info.samplerate, static_cast<unsigned>(info.channels), static_cast<unsigned>(width) + 2};
+  container = nameOfFormat(major);
+  if (raw && S_ISREG(status.st_mode)) info.frames = status.st_size / static_cast<off_t>(format.frameBytes());
+  const auto known = static_cast<std::uint64_t>(info.frames);
+  if (!standsForUnknown(known * format.frameBytes(), format.frameBytes())) frames = known;
+  checkFrames(static_cast<std::uint64_t>(framesThere));
+  findLayout(major);
+}
+
+void AudioSource::setSound(SNDFILE* sound) {
+  sound_.reset(sound);
+  if (file_.error != 0) failToRead(name_, file_.error);
+  if (sound == nullptr)
+    fail("cannot read {}: {}; give a complete file, e.g. .wav or .flac", name_, reasonOf(nullptr));
+}
+
+void AudioSource::findLayout(int major) {
+  std::vector<int> map(format.channels);
+  if (sf_command(sound_.get(), SFC_GET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(map.size() * sizeof(int)))) {
+    layout = layoutOfChannelMap(map);
+    layoutOrigin = layout != 0 ? "from the file's channel map" : "the file's channel map is in no usual order";
+  } else {
+    layout = layoutWithoutMap(major, format.channels);
+    if (layout != 0) layoutOrigin = major == SF_FORMAT_FLAC ? "from FLAC's fixed order" : "from the channel count";
+  }
+}
+
+std::size_t AudioSource::read(std::int32_t* samples, std::size_t wanted) {
+  const auto got = static_cast<std::size_t>(sf_readf_int(sound_.get(), samples, static_cast<sf_count_t>(wanted)));
+  delivered_ += got;
+  if (got == wanted) return got;
+  if (file_.error != 0) failToRead(name_, file_.error);
+  if (file_.sequential && static_cast<std::uint64_t>(file_.position) % format.frameBytes() != 0)
+    fail("{} ends inside a frame of {} bytes; check --raw, or {}", name_, format.frameBytes(), kAdvice);
+  checkFrames(delivered_);
+  if (sf_error(sound_.get()) != 0) fail("{} is damaged: {}; {}", name_, reasonOf(sound_.get()), kAdvice);
+  return got;
+}
+
+void AudioSource::checkFrames(std::uint64_t there) const {
+  if (frames && there < *frames)
+    fail("{} is cut short or damaged: {} of {} frames can be read; {}", name_, there, *frames, kAdvice);
+}
+
+AudioSink::AudioSink(const OutputFile& file, int major, const StreamFormat& format, ChannelMask layout,
+                     const std::optional<std::uint64_t>& frames)
+    : output_(file),
+      layout_(layout),
+      file_{file.fd(), major == SF_FORMAT_RAW},
+      mostFrames_(kMostBytes / format.frameBytes()) {
+  const bool toRf64 = major == SF_FORMAT_WAV && (!frames || *frames > mostFrames_);
+  if (toRf64) major = SF_FORMAT_RF64;
+  const bool needsMask = layout == KES_LAYOUT_NONE || layout != layoutWithoutMap(major, format.channels);
+  if (major == SF_FORMAT_WAV && (needsMask || format.sampleBytes > 2)) major = SF_FORMAT_WAVEX;
+  container = frames || !toRf64 ? nameOfFormat(major & SF_FORMAT_TYPEMASK) : "WAV, or RF64 if it passes 4 GiB";
+  if (isOneOf(major, {SF_FORMAT_RAW, SF_FORMAT_RF64, SF_FORMAT_W64, SF_FORMAT_CAF, SF_FORMAT_AU, SF_FORMAT_FLAC}))
+    mostFrames_ = UINT64_MAX;
+  checkLength(frames.value_or(0));
+
+  SF_INFO info = infoOf(format, major);
+  if (!sf_format_check(&info))
+    fail("cannot write {}: {} does not take {} channels of {} bits; use .wav, .caf or .aiff", file.name(), container,
+         format.channels, format.sampleBytes * 8);
+  sound_.reset(openSound(file_, SFM_WRITE, info));
+  if (!sound_) failOfSound();
+  if (toRf64) sf_command(sound_.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
+
+  hasMask_ = isOneOf(major, {SF_FORMAT_WAVEX, SF_FORMAT_RF64});
+  std::vector<int> map = channelMapOfLayout(layout);
+  map.resize(format.channels);
+  const bool mapTaken =
+      sf_command(sound_.get(), SFC_SET_CHANNEL_MAP_INFO, map.data(), static_cast<int>(map.size() * sizeof(int)));
+  layoutTold = hasMask_ || mapTaken ? layout : layoutWithoutMap(major, format.channels);
+}
+
+void AudioSink::write(const std::int32_t* samples, std::size_t frames) {
+  checkLength(written_ += frames);
+  const auto count = static_cast<sf_count_t>(frames);
+  if (sf_writef_int(sound_.get(), samples, count) != count) failOfSound();
+}
+
+void AudioSink::finish() {
+  if (sf_close(sound_.release()) != 0 || file_.error != 0) failOfSound();
+  if (!hasMask_) return;
+  // libsndfile keeps a layout only if it places every channel, and otherwise guesses one from their count.
+  constexpr off_t kMaskOffset = 8 + 20;
+  const off_t format = findChunk(file_.fd, "fmt ");
+  if (pwrite(file_.fd, &layout_, sizeof layout_, format + kMaskOffset) != sizeof layout_)
+    failToWrite(output_.name(), errno);
+}
+
+void AudioSink::checkLength(std::uint64_t frames) const {
+  if (frames > mostFrames_)
+    fail("cannot write {}: {} ends at 4 GiB; use .wav, .caf or .flac", output_.name(), container);
+}
+
+void AudioSink::failOfSound() const {
+  if (file_.error != 0) failToWrite(output_.nameWritten(), file_.error);
+  fail("cannot write {}: {}; use another container, e.g. .wav", output_.name(), reasonOf(sound_.get()));
+}
+
+}  // namespace kesconvert

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files as the operating system sees them: an input that can be read, an output that is there complete or not at all.
+#ifndef KESCONVERT_FILES_H
+#define KESCONVERT_FILES_H
+
+#include <sys/stat.h>
+
+#include <string>
+#include <utility>
+
+namespace kesconvert {
+
+// An open file, closed with its owner.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Descriptor();
+
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+  struct stat status() const;
+
+ private:
+  int fd_;
+};
+
+// Fail with the reason that errno gives.
+[[noreturn]] void failToRead(const std::string& name, int error);
+[[noreturn]] void failToWrite(const std::string& name, int error);
+
+// Opens a file for reading; "-" is standard input. With seekable, what comes through a pipe is copied to a temporary
+// file first, since the readers of most containers go back and forth.
+Descriptor openInput(const std::string& name, bool seekable);
+
+// A file is written beside its place, under a hidden name, and renamed over it by commit(): what was there before
+// stays until then, and without commit() nothing is left behind, whether by a failure or by a signal. A link is
+// followed to its file. Anything else ("-" for standard output, a pipe, a device) is written to as it is; with
+// seekable, through a temporary file, by commit().
+class OutputFile {
+ public:
+  OutputFile(const std::string& name, bool seekable, const Descriptor& input);
+  ~OutputFile();
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  const std::string& name() const { return name_; }
+  std::string nameWritten() const;  // of what is behind fd()
+  int fd() const { return copy_.get() >= 0 ? copy_.get() : target_.get(); }
+  void commit();
+
+ private:
+  void createBeside();
+
+  std::string name_;
+  std::string place_;      // where the file goes; empty when there is nothing to rename
+  std::string temporary_;  // its name until then
+  Descriptor target_;
+  Descriptor copy_;
+};
+
+}  // namespace kesconvert
+
+#endif

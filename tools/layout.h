@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// Channel layouts: their names, their masks (kesaudio/types.h; WAV numbers the positions alike), and the channel maps
+// of libsndfile. A mask of 0 stands for an unknown layout. The channels of a frame come in the order of the mask's
+// bits; channels beyond them have no position.
+#ifndef KESCONVERT_LAYOUT_H
+#define KESCONVERT_LAYOUT_H
+
+#include <kesaudio/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kesconvert {
+
+inline constexpr ChannelMask kLayout5Point1Side = 0x60F;
+
+// The layout of a name ("5.1") or of a hexadecimal mask ("0x3F"). "none" is the unknown layout.
+std::optional<ChannelMask> parseLayout(const std::string& text);
+
+// "mono, stereo, ..."
+std::string layoutNames();
+
+// "5.1 (FL FR FC LFE BL BR, 0x3F)"
+std::string describe(ChannelMask layout);
+
+// How many channels the layout places.
+unsigned positions(ChannelMask layout);
+
+// The layout of a frame's first channels.
+ChannelMask firstPositions(ChannelMask layout, unsigned channels);
+
+// What so many channels are taken for: mono, stereo, 3.0, quad, 5.0, 5.1, 6.1, 7.1.
+ChannelMask standardLayout(unsigned channels);
+
+// The order that the FLAC format lays down.
+ChannelMask flacLayout(unsigned channels);
+
+// A map whose positions are not in mask order, or come twice, is an unknown layout.
+ChannelMask layoutOfChannelMap(const std::vector<int>& map);
+std::vector<int> channelMapOfLayout(ChannelMask layout);
+
+}  // namespace kesconvert
+
+#endif
