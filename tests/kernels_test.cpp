@@ -117,15 +117,20 @@ TEST(WideFrames, AreExact) {
 // Outputs of 2^31 bytes, or counts whose bytes would wrap in 32 bits.
 TEST(HugeCounts, WriteNothing) {
   const Call calls[] = {
-      {kZeroFill, 1 << 30, 1, 2, 1},           {kDuplicate, 1 << 30, 1, 2, 1},
-      {kZeroFill, INT32_MAX, 1, 6, 1},         {kDuplicate, 1 << 20, 1, 1 << 11, 1},
-      {kDuplicate, 1073741825, 5, 20, 4},      {kZeroFill, 1073741825, 5, 20, 4},
-      {kAverage, 1, 1073741823, INT32_MAX, 3}, {kToStereo, 2, 1073741823, INT32_MAX, 3},
+      {kZeroFill, 1 << 30, 1, 2, 1},        {kDuplicate, 1 << 30, 1, 2, 1},     {kZeroFill, INT32_MAX, 1, 6, 1},
+      {kDuplicate, 1 << 20, 1, 1 << 11, 1}, {kDuplicate, 1073741825, 5, 20, 4}, {kZeroFill, 1073741825, 5, 20, 4},
+      {kAverage, 1, 1073741825, 8, 3},      {kToStereo, 2, 1073741825, 8, 3},
   };
   for (const Call& call : calls) {
     uint8_t untouched = 7;
     call.run(&untouched, nullptr);
     EXPECT_EQ(untouched, 7) << call;
+  }
+  const Bytes in(1 << 22, 7);  // large, but not huge
+  Bytes out(8 * in.size());
+  for (Kernel kernel : {kZeroFill, kDuplicate}) {
+    Call{kernel, 8, 1, 1 << 22, 1}.run(out.data(), in.data());
+    EXPECT_EQ(std::count(out.begin(), out.end(), 7), kernel == kZeroFill ? 1 << 22 : 1 << 25);
   }
 }
 

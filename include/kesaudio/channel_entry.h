@@ -25,12 +25,12 @@
  *   capacity   300  ->   900 converted, inBytes 300, outBytes 300
  *   capacity   301  ->   900 converted, inBytes 300, outBytes 301 (300 were written)
  *
- * Offer whole frames, and a capacity of whole frames. Parts of frames are counted, but never converted:
+ * Offer whole frames, and a capacity of whole frames. A partial frame is counted, but never converted:
  *
- *   a partial frame at the end of the input counts as converted and is lost, and outBytes counts its share;
- *   a partial frame at the end of a capacity that is the limit stays unwritten, but where its bytes are outChannels
- * or more (302 in the example: 906 bytes taken) the input's share of them counts as converted: that much sound is
- * lost, and the rest of the input begins inside a frame, its channels displaced.
+ *   at the end of the input       it counts as converted and is lost, and outBytes counts its share
+ *   at the end of a capacity      it stays unwritten. Where it has outChannels bytes or more (a capacity of 302 in
+ *   that is the limit             the example: 906 bytes taken), the input's share of it counts as converted and is
+ *                                 lost: the rest of the input begins inside a frame, its channels displaced
  *
  * The kernels take signed 32-bit counts. With 2^31 channels or more on a side, with 2^31 bytes to convert, or with an
  * upmix to 2^31 bytes, the counts are rewritten as always and nothing is written: offer smaller blocks.
