@@ -6,6 +6,7 @@
 #include <kesaudio/channel_converter.h>
 #include <kesaudio/channel_entry.h>
 #include <kesaudio/channel_kernels.h>
+#include <kesaudio/resampler.h>
 #include <kesaudio/types.h>
 #include <kesaudio/version.h>
 

@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: Apache-2.0
+// The resampler library for machines without the platform's: a polyphase windowed-sinc filter (palix_filter.h).
+//
+// With L / M the ratio of the rates in lowest terms, output n stands at the input time n * M / L = i + p, 0 <= p < 1:
+//
+//   out[n] = sum over k of in[i + k - (taps / 2 - 1)] * h(k - (taps / 2 - 1) - p)
+//
+// so it is made when in[i + taps / 2] has come: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
+//
+// Four outputs make a group (palix_convolve.h). They share a window of the history, which begins with the first
+// one's; the rows of the others begin with a few zeros. There are L different p, so the groups recur after lcm(L, 4)
+// outputs. When these rows fit into the table, it holds them in the order of their use, and memory is read straight
+// on. Else (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at even distances of p, and
+// those of a group are interpolated, with an error below -130 dB.
+//
+// Internal buffer, from its first multiple of 64 bytes on:
+//   Stream     state, see there
+//   work       a double for each of maxTaps
+//   table      tableFloats(maxTaps)
+//   history    per channel historyFloats(maxTaps): input frames, from maxTaps / 2 - 1 before the group's first on
+// Scratch buffer, likewise:
+//   made       per channel kMadeFloats: output frames
+//   rows       interpolated, of a group
+#include <algorithm>
+#include <new>
+
+#include "platform/host/palix_convolve.h"
+#include "platform/host/palix_filter.h"
+#include "platform/host/palix_samples.h"
+#include "platform/resampler_lib.h"
+
+namespace {
+
+using namespace palix;
+
+constexpr uint32_t kMinRate = 4000, kMaxRate = 768000, kMaxChannels = 8;
+constexpr uint32_t kBlockFrames = 1024;                      // taken or made at a time
+constexpr uint32_t kMadeFloats = kBlockFrames + 2 * kGroup;  // with the rest of the first and of the last group
+constexpr uint32_t kRowsPerPeriod = 64;                      // of the lower rate, where rows are interpolated
+constexpr size_t kAlignment = 64;
+
+// Room for the rows of the common pairs of rates (48 to 44.1 kHz: 588 of 96 floats), and in any case for those to
+// interpolate between: at most 64 * b + 4 rows of 79 / b + 18 floats, with the bandwidth b <= 1 and 76 / b <= taps.
+constexpr size_t tableFloats(uint32_t maxTaps) { return 65536 + 6 * size_t{maxTaps}; }
+constexpr size_t historyFloats(uint32_t maxTaps) { return 3 * size_t{maxTaps} + kBlockFrames; }
+constexpr size_t rowsFloats(uint32_t maxTaps) { return kGroup * 2 * size_t{maxTaps}; }
+
+struct Stream {
+  SrcParam param;
+  uint32_t maxTaps;  // that there is room for: twice as many as at open
+  Ratio ratio;
+  bool interpolates;
+
+  // The group of the next output: where its first output stands.
+  size_t centre;    // in the history, of the input frame at or before it
+  uint32_t phase;   // it is (phase + fraction) / L behind that frame
+  double fraction;  // 0 <= fraction <= 1; not 0 only after a change of rate
+  uint32_t group;   // of a table in the order of use
+  uint32_t done;    // outputs of the group that were made
+
+  size_t filled;  // frames in the history
+  double* work;
+  float* table;
+  float* history;
+};
+
+bool isRate(uint32_t rate) { return rate >= kMinRate && rate <= kMaxRate; }
+
+int32_t check(const SrcParam& param) {
+  if (param.format > KES_RESAMPLER_Q8_24) return PALIX_BAD_FORMAT;
+  if (!isRate(param.inSampleRate) || !isRate(param.outSampleRate)) return PALIX_BAD_RATE;
+  if (param.inChannels < 1 || param.inChannels > kMaxChannels || param.outChannels != param.inChannels)
+    return PALIX_BAD_CHANNELS;
+  return PALIX_OK;
+}
+
+// ---- rows of taps
+
+uint32_t quotientUp(uint64_t dividend, uint32_t divisor) {
+  return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
+}
+
+// How far the window of a group's last output is ahead of the first's, rounded up.
+uint32_t spread(const Ratio& ratio) { return quotientUp((kGroup - 1) * uint64_t{ratio.M}, ratio.L); }
+
+// Of a row in a group: its taps, behind as many zeros as its window is ahead of the group's.
+uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + spread(ratio), kLanes); }
+
+// A period of the lower rate is M / L input frames, when that is the output's.
+uint32_t rowsPerInputFrame(const Ratio& ratio) {
+  return ratio.L < ratio.M ? quotientUp(uint64_t{kRowsPerPeriod} * ratio.L, ratio.M) : kRowsPerPeriod;
+}
+
+uint32_t groupsInTable(const Ratio& ratio) { return ratio.L / std::gcd(ratio.L, kGroup); }
+
+void buildTable(Stream& s) {
+  const auto [L, M] = s.ratio;
+  const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
+  const uint32_t rows = s.interpolates ? rowsPerFrame + 3 : groupsInTable(s.ratio) * kGroup;
+  const uint32_t before =
+      s.interpolates ? spread(s.ratio) : 0;  // zeros, which later rows find in the one before them
+  std::fill_n(s.table, before + rows * size_t{floats}, 0.0f);
+  uint64_t phase = 0;  // from the group's first frame on
+  for (uint32_t row = 0; row < rows; ++row) {
+    float* const to = s.table + before + row * size_t{floats};
+    if (s.interpolates) {  // from -1 to 1 more than there are in a frame
+      makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.work);
+    } else {
+      makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.work);
+      phase = (row + 1) % kGroup == 0 ? (phase + M) % L : phase + M;
+    }
+  }
+}
+
+// So many outputs on, from one phase / L behind an input frame to another.
+struct Step {
+  uint32_t L, frames, phases;
+
+  Step(const Ratio& ratio, uint32_t outputs)
+      : L(ratio.L), frames(outputs * ratio.M / L), phases(outputs * ratio.M % L) {}
+
+  void apply(size_t& frame, uint32_t& phase) const {
+    frame += frames;
+    phase += phases;
+    if (phase >= L) {
+      phase -= L;
+      ++frame;
+    }
+  }
+};
+
+// The rows of the stream's group, each by the cubic through the four of the table around it.
+void interpolateRows(const Stream& s, float* rows) {
+  const uint32_t floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
+  const float* const table = s.table + spread(s.ratio);
+  const double rowsPerPhase = static_cast<double>(rowsPerFrame) / s.ratio.L;
+  const Step step(s.ratio, 1);
+  size_t frame = 0;
+  uint32_t phase = s.phase;
+  for (uint32_t o = 0; o < kGroup; ++o, step.apply(frame, phase)) {
+    const double at = (phase + s.fraction) * rowsPerPhase;
+    const uint32_t row = std::min(static_cast<uint32_t>(at), rowsPerFrame - 1);
+    const double x = at - row;
+    const float weights[4] = {
+        static_cast<float>(x * (x - 1) * (2 - x) / 6), static_cast<float>((x + 1) * (x - 1) * (x - 2) / 2),
+        static_cast<float>((x + 1) * x * (2 - x) / 2), static_cast<float>((x + 1) * x * (x - 1) / 6)};
+    blend(table + row * size_t{floats} - frame, floats, weights, rows + o * size_t{floats});
+  }
+}
+
+// ---- setting up
+
+constexpr size_t alignUp(size_t bytes) { return (bytes + kAlignment - 1) / kAlignment * kAlignment; }
+
+template <class T>
+T* alignUp(T* pointer) {
+  return reinterpret_cast<T*>(alignUp(reinterpret_cast<uintptr_t>(pointer)));
+}
+
+// Where the parts of the internal buffer are, in bytes from the first aligned one.
+struct Layout {
+  size_t work, table, history, end;
+
+  Layout(uint32_t maxTaps, uint32_t channels)
+      : work(alignUp(sizeof(Stream))),
+        table(work + alignUp(maxTaps * sizeof(double))),
+        history(table + alignUp(tableFloats(maxTaps) * sizeof(float))),
+        end(history + channels * historyFloats(maxTaps) * sizeof(float)) {}
+};
+
+uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
+
+// Takes up an output rate, with the next output the first of a group and p behind its input frame.
+void setRate(Stream& s, uint32_t outRate, double p) {
+  const Ratio old = s.ratio;
+  const bool interpolated = s.interpolates;
+  s.param.outSampleRate = outRate;
+  s.ratio = Ratio(s.param.inSampleRate, outRate);
+  const size_t floats = size_t{kGroup} * groupsInTable(s.ratio) * rowFloats(s.ratio);
+  s.interpolates = p != 0 || floats > tableFloats(s.maxTaps);
+  s.phase = std::min(static_cast<uint32_t>(p * s.ratio.L), s.ratio.L - 1);
+  s.fraction = p * s.ratio.L - s.phase;
+  s.group = s.done = 0;
+  const bool isSame = s.interpolates ? s.ratio.bandwidth() == old.bandwidth() : s.ratio == old;
+  if (!isSame || s.interpolates != interpolated) buildTable(s);
+}
+
+// Silence before, and the first output on the first input frame.
+void rewind(Stream& s) {
+  std::fill_n(s.history, s.param.inChannels * historyFloats(s.maxTaps), 0.0f);
+  s.filled = s.centre = s.maxTaps / 2 - 1;
+  setRate(s, s.param.outSampleRate, 0);
+}
+
+// ---- making output
+
+// Makes the group's outputs that are still to be made, and those of further groups, frames in all. made gets whole
+// groups, so that the first frame is at made + s.done.
+void filter(Stream& s, float* made, float* rows, uint32_t frames) {
+  const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), channels = s.param.inChannels;
+  const size_t stride = historyFloats(s.maxTaps);
+  const Step step(s.ratio, kGroup);
+  const uint32_t end = s.done + frames;
+  for (uint32_t begin = 0; begin < end; begin += kGroup) {
+    if (s.interpolates) interpolateRows(s, rows);
+    const float* const from = s.interpolates ? rows : s.table + s.group * size_t{kGroup} * floats;
+    const float* history = s.history + s.centre - (taps / 2 - 1);
+    uint32_t c = 0;
+    for (; c + kChannelsTogether <= channels; c += kChannelsTogether)
+      convolve<kChannelsTogether>(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin,
+                                  kMadeFloats);
+    for (; c < channels; ++c)
+      convolve<1>(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin, kMadeFloats);
+    s.done = std::min(end - begin, kGroup);
+    if (s.done < kGroup) break;
+    step.apply(s.centre, s.phase);
+    s.group = s.group + 1 == groupsInTable(s.ratio) ? 0 : s.group + 1;
+    s.done = 0;
+  }
+}
+
+// The input frame that an output of the group, or after it, stands at or behind.
+uint64_t frameOf(const Stream& s, uint64_t output) { return s.centre + (s.phase + output * s.ratio.M) / s.ratio.L; }
+
+// How many outputs, from the next one on, the history is enough for.
+uint64_t outputsPossible(const Stream& s) {
+  const size_t lookahead = s.ratio.taps() / 2;
+  if (s.filled <= frameOf(s, s.done) + lookahead) return 0;
+  const uint64_t phases = (s.filled - lookahead - s.centre) * s.ratio.L - 1 - s.phase;
+  return phases / s.ratio.M + 1 - s.done;
+}
+
+void dropOldFrames(Stream& s) {
+  const size_t drop = s.centre - (s.maxTaps / 2 - 1);
+  for (uint32_t c = 0; c < s.param.inChannels; ++c) {
+    float* const frames = s.history + c * historyFloats(s.maxTaps);
+    std::copy(frames + drop, frames + s.filled, frames);
+  }
+  s.filled -= drop;
+  s.centre -= drop;
+}
+
+template <class In, class Out>
+void process(Stream& s, float* scratch, const unsigned char* src, uint32_t* inBytes, unsigned char* dst,
+             uint32_t* outBytes) {
+  const uint32_t channels = s.param.inChannels;
+  const size_t inFrameBytes = channels * sizeof(In), outFrameBytes = channels * sizeof(Out);
+  const float gain = sizeof(In) < sizeof(Out) ? 65536.0f : 1.0f;
+  size_t offered = *inBytes / inFrameBytes, room = *outBytes / outFrameBytes;
+  for (;;) {
+    const uint32_t done = s.done;
+    if (const auto frames = static_cast<uint32_t>(std::min<uint64_t>({outputsPossible(s), room, kBlockFrames}))) {
+      filter(s, scratch, scratch + channels * kMadeFloats, frames);
+      interleave<Out>(scratch + done, kMadeFloats, gain, channels, frames, dst);
+      dst += frames * outFrameBytes;
+      room -= frames;
+      continue;
+    }
+    // As much as makes the outputs possible that there is room for, and what comes behind without another one.
+    const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : 0;
+    const uint64_t most = std::max(last, frameOf(s, done + room)) + s.ratio.taps() / 2;
+    const size_t taken = std::min<uint64_t>({offered, most - std::min<uint64_t>(most, s.filled), kBlockFrames});
+    if (taken == 0) break;
+    if (s.filled + taken > historyFloats(s.maxTaps) - s.maxTaps) dropOldFrames(s);
+    deinterleave<In>(src, channels, taken, s.history + s.filled, historyFloats(s.maxTaps));
+    s.filled += taken;
+    src += taken * inFrameBytes;
+    offered -= taken;
+  }
+  *inBytes = static_cast<uint32_t>(offered * inFrameBytes + *inBytes % inFrameBytes);
+  *outBytes = static_cast<uint32_t>((*outBytes / outFrameBytes - room) * outFrameBytes);
+}
+
+}  // namespace
+
+int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param) {
+  *internalBytes = *scratchBytes = 0;
+  if (const int32_t error = check(*param)) return error;
+  const uint32_t maxTaps = maxTapsOf(*param);
+  const size_t alignment = kAlignment - 1;
+  *internalBytes = static_cast<uint32_t>(alignment + Layout(maxTaps, param->inChannels).end);
+  *scratchBytes = static_cast<uint32_t>(alignment + (param->inChannels * size_t{kMadeFloats} + rowsFloats(maxTaps)) *
+                                                        sizeof(float));
+  return PALIX_OK;
+}
+
+int32_t Palix_Open(void** instance, void* internal, SrcParam* param) {
+  if (const int32_t error = check(*param)) return error;
+  auto* const memory = alignUp(static_cast<unsigned char*>(internal));
+  const uint32_t maxTaps = maxTapsOf(*param);
+  const Layout layout(maxTaps, param->inChannels);
+  auto* const s = new (memory) Stream{};
+  s->param = *param;
+  s->maxTaps = maxTaps;
+  s->work = reinterpret_cast<double*>(memory + layout.work);
+  s->table = reinterpret_cast<float*>(memory + layout.table);
+  s->history = reinterpret_cast<float*>(memory + layout.history);
+  rewind(*s);
+  *instance = s;
+  return PALIX_OK;
+}
+
+int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate) {
+  Stream& s = *static_cast<Stream*>(instance);
+  if (!isRate(outSampleRate)) return PALIX_BAD_RATE;
+  if (Ratio(s.param.inSampleRate, outSampleRate).taps() > s.maxTaps) return PALIX_NO_ROOM;
+  if (outSampleRate == s.param.outSampleRate) return PALIX_OK;
+  const uint64_t phase = s.phase + uint64_t{s.done} * s.ratio.M;
+  s.centre += phase / s.ratio.L;
+  setRate(s, outSampleRate, (static_cast<double>(phase % s.ratio.L) + s.fraction) / s.ratio.L);
+  return PALIX_OK;
+}
+
+int32_t Palix_Reset(void* instance) {
+  rewind(*static_cast<Stream*>(instance));
+  return PALIX_OK;
+}
+
+int32_t Palix_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
+                      uint32_t* outBytes) {
+  Stream& s = *static_cast<Stream*>(instance);
+  constexpr decltype(&process<int16_t, int16_t>) kProcesses[] = {
+      process<int16_t, int16_t>, process<int16_t, int32_t>, process<int32_t, int32_t>, process<int32_t, int32_t>};
+  kProcesses[s.param.format](s, alignUp(static_cast<float*>(scratch)), static_cast<const unsigned char*>(src),
+                             inBytes, static_cast<unsigned char*>(dst), outBytes);
+  return PALIX_OK;
+}
+
+int32_t Palix_MultiChannel_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param) {
+  return Palix_GetBufferSize(internalBytes, scratchBytes, param);
+}
+
+int32_t Palix_MultiChannel_Open(void** instance, void* internal, SrcParam* param) {
+  return Palix_Open(instance, internal, param);
+}
+
+int32_t Palix_MultiChannel_Reset(void* instance) { return Palix_Reset(instance); }
+
+int32_t Palix_MultiChannel_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
+                                   uint32_t* outBytes) {
+  return Palix_Process(instance, scratch, src, inBytes, dst, outBytes);
+}

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+// The host resampler's inner loop: a group of four outputs at a time, so that what is loaded of the history serves
+// four rows of taps, and what is loaded of the taps every channel.
+//
+//   out[c][o] = sum over k < width of rows[o][k] * history[c][k]      o < 4, width a multiple of 16
+//
+// A sum is made of 16 partial sums, number i of the products i, i + 16, ..., which are then added in halves: 8 to 8,
+// 4 to 4, 2 to 2, 1 to 1. So its bits do not depend on how many lanes a vector of the machine has.
+#ifndef KESAUDIO_PLATFORM_HOST_PALIX_CONVOLVE_H
+#define KESAUDIO_PLATFORM_HOST_PALIX_CONVOLVE_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace palix {
+
+constexpr uint32_t kLanes = 16;  // partial sums
+constexpr uint32_t kGroup = 4;   // outputs
+
+// Vectors of the machine's own width (compilers make poor code of wider ones), and as many channels together as its
+// registers hold sums of.
+#if defined(__AVX512F__)
+constexpr uint32_t kVectorLanes = 16, kChannelsTogether = 2;
+#elif defined(__AVX__)
+constexpr uint32_t kVectorLanes = 8, kChannelsTogether = 1;
+#else
+constexpr uint32_t kVectorLanes = 4, kChannelsTogether = 1;
+#endif
+constexpr uint32_t kVectors = kLanes / kVectorLanes;
+
+typedef float Vector __attribute__((vector_size(4 * kVectorLanes)));
+
+inline Vector load(const float* from) {
+  Vector v;
+  std::memcpy(&v, from, sizeof v);
+  return v;
+}
+
+// The weighted sum of four rows, one row so many floats behind the other, a multiple of 16.
+inline void blend(const float* rows, size_t floats, const float (&weights)[4], float* sum) {
+  for (size_t k = 0; k < floats; k += kVectorLanes) {
+    const Vector outer = weights[0] * load(rows + k) + weights[3] * load(rows + 3 * floats + k);
+    const Vector inner = weights[1] * load(rows + floats + k) + weights[2] * load(rows + 2 * floats + k);
+    const Vector all = outer + inner;
+    std::memcpy(sum + k, &all, sizeof all);
+  }
+}
+
+// body(0), body(1), ... as constants, unrolled before the optimiser looks: it then keeps arrays in registers.
+template <uint32_t kCount, class Body>
+[[gnu::always_inline]] inline void unrolled(Body body) {
+  [&]<uint32_t... kIndex>(std::integer_sequence<uint32_t, kIndex...>) __attribute__((always_inline)) {
+    (body(std::integral_constant<uint32_t, kIndex>()), ...);
+  }
+  (std::make_integer_sequence<uint32_t, kCount>());
+}
+
+// Of two vectors in blocks of kBlock lanes: the first half of every block plus its second half.
+template <uint32_t kBlock>
+[[gnu::always_inline]] inline Vector addHalves(Vector a, Vector b) {
+  constexpr uint32_t kHalf = kBlock / 2;
+  return [&]<uint32_t... kLane>(std::integer_sequence<uint32_t, kLane...>) __attribute__((always_inline)) {
+    return __builtin_shufflevector(a, b, (kLane / kHalf * kBlock + kLane % kHalf)...) +
+           __builtin_shufflevector(a, b, (kLane / kHalf * kBlock + kLane % kHalf + kHalf)...);
+  }
+  (std::make_integer_sequence<uint32_t, kVectorLanes>());
+}
+
+// The totals of the vectors' blocks, one a lane.
+template <uint32_t kBlock, uint32_t kCount>
+[[gnu::always_inline]] inline Vector totals(const Vector (&sums)[kCount]) {
+  if constexpr (kBlock == 1) {
+    return sums[0];
+  } else {
+    Vector halves[(kCount + 1) / 2];
+    unrolled<(kCount + 1) / 2>([&](auto i) __attribute__((always_inline)) {
+      halves[i] = addHalves<kBlock>(sums[2 * i], sums[std::min(2 * i + 1, kCount - 1)]);
+    });
+    return totals<kBlock / 2>(halves);
+  }
+}
+
+// kChannels channels of a group; one row, history or output lies that many floats behind the other.
+template <uint32_t kChannels>
+void convolve(const float* rows, uint32_t width, const float* history, size_t historyFloats, float* out,
+              size_t outFloats) {
+  constexpr uint32_t kSums = kChannels * kGroup;
+  Vector sums[kVectors][kSums] = {};
+  for (uint32_t k = 0; k < width; k += kLanes) {
+    unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
+      unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
+        const Vector frames = load(history + c * historyFloats + k + v * kVectorLanes);
+        unrolled<kGroup>([&](auto o) __attribute__((always_inline)) {
+          sums[v][c * kGroup + o] += load(rows + o * width + k + v * kVectorLanes) * frames;
+        });
+      });
+    });
+  }
+  if constexpr (kVectors > 2) {
+    unrolled<kSums>([&](auto i) __attribute__((always_inline)) {
+      sums[0][i] += sums[2][i];
+      sums[1][i] += sums[3][i];
+    });
+  }
+  if constexpr (kVectors > 1)
+    unrolled<kSums>([&](auto i) __attribute__((always_inline)) { sums[0][i] += sums[1][i]; });
+  const Vector all = totals<kVectorLanes>(sums[0]);
+  float results[kVectorLanes];
+  std::memcpy(results, &all, sizeof all);
+  for (uint32_t c = 0; c < kChannels; ++c)
+    std::memcpy(out + c * outFloats, results + c * kGroup, kGroup * sizeof(float));
+}
+
+}  // namespace palix
+
+#endif

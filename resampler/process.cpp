@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+// Processing a block, and the alignment of the first one: the library's output, shorter than the input converted to
+// the output rate by its latency, is moved behind zeros so that the stream keeps its time.
+//
+//   expected = bytes * outSampleRate * outChannels / (inChannels * inSampleRate)    in whole output frames
+//
+// where bytes are the input's at the output's sample width. All of it is 32-bit unsigned and wraps; x / 0 is 0.
+#include <cstdlib>
+#include <cstring>
+
+#include "resampler/flavour.h"
+
+namespace kesaudio::resampler {
+namespace {
+
+uint32_t quotient(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
+
+uint32_t outputFrameBytes(const SrcParam& param) {
+  switch (param.format) {
+    case KES_RESAMPLER_S16: return 2 * param.outChannels;
+    case KES_RESAMPLER_S16_TO_S32:
+    case KES_RESAMPLER_S32:
+    case KES_RESAMPLER_Q8_24: return 4 * param.outChannels;
+  }
+  __android_log_print(KES_LOG_ERROR, kTag, "unknown format %u!!", param.format);
+  return 1;
+}
+
+uint32_t expectedBytes(const SrcParam& param, uint32_t inBytes) {
+  const uint32_t bytes = param.format == KES_RESAMPLER_S16_TO_S32 ? 2 * inBytes : inBytes;
+  const uint32_t expected =
+      quotient(bytes * param.outSampleRate * param.outChannels, param.inChannels * param.inSampleRate);
+  const uint32_t frameBytes = outputFrameBytes(param);
+  const uint32_t whole = quotient(expected, frameBytes) * frameBytes;
+  return whole == expected ? expected : whole + frameBytes;
+}
+
+// Moves the madeBytes of dst to the end of its first expectedBytes, behind zeros. False when out of memory.
+bool moveBehindZeros(void* dst, uint32_t madeBytes, uint32_t expectedBytes) {
+  auto* aligned = static_cast<unsigned char*>(std::malloc(expectedBytes));
+  if (!aligned) return false;
+  std::memset(aligned, 0, expectedBytes - madeBytes);
+  std::memcpy(aligned + (expectedBytes - madeBytes), dst, madeBytes);
+  std::memcpy(dst, aligned, expectedBytes);
+  std::free(aligned);
+  return true;
+}
+
+}  // namespace
+
+uint32_t process(KesAudioSrcInC* handle, const Flavour& flavour, const void* src, uint32_t* inBytes, void* dst,
+                 uint32_t* outBytes) {
+  if (handle->mState != KES_STATE_OPEN) return KES_REFUSED;
+  uint32_t expected = expectedBytes(handle->mParam, *inBytes);
+  if (expected > *outBytes) {
+    __android_log_print(KES_LOG_ERROR, kTag, "OutputSampleCount %u < %u!!", *outBytes, expected);
+    expected = *outBytes;
+  }
+  flavour.process(handle->mpResampler, handle->mpTempBuf, src, inBytes, dst, outBytes);
+
+  if (handle->mFirstBlockDone != 1 && *outBytes != expected) {
+    __android_log_print(KES_LOG_DEBUG, kTag, "OutputSampleCount %u => %u", *outBytes, expected);
+    if (expected > *outBytes) {
+      if (!moveBehindZeros(dst, *outBytes, expected)) {
+        __android_log_print(KES_LOG_DEBUG, kTag, "%s() tmp malloc failed\n", flavour.processName);
+        return KES_REFUSED;
+      }
+      *outBytes = expected;
+    }
+  }
+  handle->mFirstBlockDone = 1;
+  return KES_OK;
+}
+
+}  // namespace kesaudio::resampler
