@@ -153,6 +153,46 @@ TEST_F(Kesconvert, ConvertsAsTheLibraryDoesAndSaysHow) {
   }
 }
 
+// Length and place in time are exact, for each kind of samples and each flavour of the resampler.
+TEST_F(Kesconvert, ResamplesInTime) {
+  constexpr struct {
+    int inRate, outRate, subtype, channels, frames, impulse;
+    const char* options;
+  } kCases[] = {
+      {44100, 48000, SF_FORMAT_PCM_16, 2, 44100, 14700, ""},
+      {48000, 44100, SF_FORMAT_PCM_24, 2, 48001, 48000, "--multichannel"},
+      {48000, 16000, SF_FORMAT_PCM_32, 6, 5000, 0, "--block 7"},
+      {44100, 48001, SF_FORMAT_PCM_16, 1, 3, 1, "--block 1"},
+      {8000, 768000, SF_FORMAT_PCM_24, 3, 100, 50, "--block 10"},
+      {96000, 4000, SF_FORMAT_PCM_16, 8, 1, 0, ""},
+      {48000, 44100, SF_FORMAT_PCM_16, 2, 0, 0, ""},
+  };
+  for (const auto& [inRate, outRate, subtype, channels, frames, impulse, options] : kCases) {
+    SCOPED_TRACE(testing::Message() << frames << " frames from " << inRate << " to " << outRate << " Hz");
+    SF_INFO info{0, inRate, channels, SF_FORMAT_WAV | subtype, 0, 0};
+    std::vector<int> in(static_cast<std::size_t>(frames * channels));
+    for (int c = 0; c < channels && frames > 0; ++c) in[static_cast<std::size_t>(impulse * channels + c)] = 1 << 30;
+    SNDFILE* file = sf_open((folder_ / "in.wav").c_str(), SFM_WRITE, &info);
+    sf_writef_int(file, in.data(), frames);
+    sf_close(file);
+
+    ASSERT_EQ(run("$K in.wav out.wav --rate " + std::to_string(outRate) + " " + options), 0) << err_;
+    const std::string flavour = channels == 2 && !std::string(options).starts_with("--m") ? "plain" : "multichannel";
+    EXPECT_NE(out_.find("by the " + flavour + " resampler"), std::string::npos) << out_;
+    const std::vector<int> out = read("out.wav", info);
+    ASSERT_EQ(info.frames, (std::int64_t{frames} * outRate + inRate - 1) / inRate);
+    EXPECT_EQ(info.samplerate, outRate);
+    EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, subtype);
+    for (int c = 0; c < channels && frames > 0; ++c) {
+      int peak = 0;
+      for (int n = 0; n < info.frames; ++n)
+        if (out[static_cast<std::size_t>(n * channels + c)] > out[static_cast<std::size_t>(peak * channels + c)])
+          peak = n;
+      EXPECT_NEAR(peak, static_cast<double>(impulse) * outRate / inRate, 0.5) << "channel " << c;
+    }
+  }
+}
+
 TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
   put("six.bin", packed(write("six.wav", SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 6, k5Point1), 3));
   write("two.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 2);
@@ -176,6 +216,14 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "kill $! && ! wait $! && ! ls .kesconvert-* && ! ls stopped.wav",
       R"(printf '\000\100\000\200\377\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
       "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 clipped' says",
+      "$K two.flac a.wav --rate 44100 && $K two.flac b.wav --rate 44100 --multichannel --block 7 && cmp a.wav b.wav",
+      "$K six.wav a.wav --rate 44100 --channels 2 && $K six.wav b.wav --channels 2 && $K b.wav c.wav --rate 44100 && "
+      "cmp a.wav c.wav",
+      "$K two.flac a.wav --rate 44100 --channels 6 && $K two.flac b.wav --rate 44100 && $K b.wav c.wav --channels 6 "
+      "&& "
+      "cmp a.wav c.wav",
+      "cat two.flac | $K - - --rate 96000 | cat > a.wav && $K two.flac b.wav --rate 96000 && cmp a.wav b.wav",
+      "$K old.wav b.wav --rate 48000 && cmp old.wav b.wav",
       "$K --version | grep -Eq '^kesconvert [0-9.]+$' && $K --help | grep -q Examples",
   };
   for (const char* command : kCommands) EXPECT_EQ(run(command), 0) << command << "\n" << out_ << err_;
@@ -190,6 +238,10 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {2, "$K f.wav", "OUT is required"},
       {2, "$K f.wav o.wav --channels 9", "Value 9 not in range 1 to 8"},
       {2, "$K f.wav o.wav --layout 9.9", "9.9 is unknown; use"},
+      {2, "$K f.wav o.wav --rate 3999", "Value 3999 not in range 4000 to 768000"},
+      {2, "$K f.wav o.wav --multichannel", "--multichannel requires --rate"},
+      {1, "$K - old.wav --raw 800000:2:s16 --rate 48000 <f.wav", "cannot resample 800000 Hz to 48000 Hz; rates from"},
+      {1, "$K f.wav o.bin --raw 48000:2:s16 --rate 44100", "give --raw 44100:2:s16"},
       {2, "$K f.wav - --raw 8000:2", "8000:2 is not RATE:CHANNELS:FORMAT; give"},
       {2, "$K f.wav o.raw", "o.raw is raw PCM by its name; say"},
       {2, "$K f.wav o.wav --raw 48000:2:s16", "neither f.wav nor o.wav is raw PCM; leave"},

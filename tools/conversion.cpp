@@ -21,29 +21,39 @@ ChannelMask stereoMixOf(ChannelMask layout) {
   return std::ranges::find(kMixes, layout) != std::end(kMixes) ? layout : ChannelMask{KES_LAYOUT_NONE};
 }
 
-Stage componentStage(unsigned inChannels, unsigned outChannels, PcmFormat format) {
-  using Converter = KesAudioChannelConverterInC;
-  const std::shared_ptr<Converter> converter(new Converter, [](Converter* old) {
+// A component's record, closed when the last user of it is gone.
+template <class Record>
+std::shared_ptr<Record> makeRecord(void (*init)(Record*)) {
+  const std::shared_ptr<Record> record(new Record, [](Record* old) {
     old->Close(old);
     delete old;
   });
-  InitKesAudioChannelConverterInC(converter.get());
-  converter->Open(converter.get(), inChannels, outChannels, format);
-  return [converter](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
-    converter->Process(converter.get(), src, inBytes, dst, outBytes);
+  init(record.get());
+  return record;
+}
+
+ProcessCall channelConverter(unsigned inChannels, unsigned outChannels, PcmFormat format) {
+  const auto record = makeRecord(InitKesAudioChannelConverterInC);
+  record->Open(record.get(), inChannels, outChannels, format);
+  return [record](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    record->Process(record.get(), src, inBytes, dst, outBytes);
   };
 }
 
-void copyStage(const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
-  *outBytes = std::min(*inBytes, *outBytes);
-  std::memcpy(dst, src, *outBytes);
-  *inBytes -= *outBytes;
+// To nearest, within the range of so many bytes: a word whose further bytes are 0.
+std::int32_t rounded(std::int32_t word, unsigned sampleBytes) {
+  const std::int64_t unit = std::int64_t{1} << (32 - 8 * sampleBytes);
+  const std::int64_t sum = word + unit / 2;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(sum - (sum & (unit - 1)), INT32_MAX & -unit));
 }
 
 // Between words and packed little-endian samples of their high bytes.
 void pack(std::span<const std::int32_t> words, unsigned sampleBytes, unsigned char* packed) {
-  for (const std::int32_t word : words)
-    for (unsigned byte = 4 - sampleBytes; byte < 4; ++byte) *packed++ = static_cast<unsigned char>(word >> 8 * byte);
+  for (const std::int32_t word : words) {
+    const std::int32_t sample = rounded(word, sampleBytes);
+    for (unsigned byte = 4 - sampleBytes; byte < 4; ++byte)
+      *packed++ = static_cast<unsigned char>(sample >> 8 * byte);
+  }
 }
 
 void unpack(const unsigned char* packed, unsigned sampleBytes, std::span<std::int32_t> words) {
@@ -54,19 +64,56 @@ void unpack(const unsigned char* packed, unsigned sampleBytes, std::span<std::in
   }
 }
 
+// A step at work: takes words of its input, and hands those of its output on.
+class Worker {
+ public:
+  using Next = std::function<void(std::span<const std::int32_t>)>;
+
+  Worker(const Step& step, std::size_t blockFrames, Next next) : step_(step), next_(std::move(next)) {
+    const std::uint64_t fitting = framesAt(blockFrames, step.outRate, step.inRate);
+    const std::uint64_t frames = std::min<std::uint64_t>(blockFrames, fitting);
+    inBlockBytes_ = frames * step.inChannels * step.sampleBytes;
+    out_.resize(framesAt(frames, step.inRate, step.outRate) * step.outChannels * step.sampleBytes);
+  }
+
+  void push(std::span<const std::int32_t> words) {
+    in_.resize(words.size() * step_.sampleBytes);
+    pack(words, step_.sampleBytes, in_.data());
+    for (std::size_t at = 0; at < in_.size();) {
+      const std::size_t offered = std::min(in_.size() - at, inBlockBytes_);
+      auto left = static_cast<std::uint32_t>(offered), made = static_cast<std::uint32_t>(out_.size());
+      step_.process(in_.data() + at, &left, out_.data(), &made);
+      at += offered - left;
+      words_.resize(made / step_.sampleBytes);
+      unpack(out_.data(), step_.sampleBytes, words_);
+      next_(words_);
+    }
+  }
+
+ private:
+  Step step_;
+  std::size_t inBlockBytes_;  // offered at a time, so that the output has room
+  std::vector<unsigned char> in_;
+  std::vector<unsigned char> out_;
+  std::vector<std::int32_t> words_;
+  Next next_;
+};
+
 }  // namespace
 
 Mix chooseMix(const StreamFormat& format, ChannelMask layout, unsigned outChannels, bool addSilentChannels) {
   constexpr PcmFormat kFormats[] = {KES_PCM_S16, KES_PCM_S24_PACKED, KES_PCM_S32};
   const PcmFormat pcm = kFormats[format.sampleBytes - 2];
   const unsigned inChannels = format.channels;
-  if (inChannels == outChannels) return {copyStage, "none, the channels are copied as they are", layout};
+  if (inChannels == outChannels) return {{}, "none, the channels are copied as they are", layout, false};
 
-  Mix mix{nullptr, "", standardLayout(outChannels)};
+  Mix mix;
+  mix.step = {nullptr, inChannels, outChannels, format.sampleBytes, format.rate, format.rate};
+  mix.layout = standardLayout(outChannels);
   const ChannelMask named = stereoMixOf(layout);
   if (inChannels < outChannels && addSilentChannels) {
     mix.description = "silent channels are added, by channel_UpMix_WithZero";
-    mix.stage = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    mix.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
       Audio_Channel_Upmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, 1);
     };
   } else if (outChannels == 2 && inChannels > 2 && named != KES_LAYOUT_NONE) {
@@ -75,11 +122,11 @@ Mix chooseMix(const StreamFormat& format, ChannelMask layout, unsigned outChanne
     if (named != layout) mix.description += "; the side channels are mixed as back channels";
     if (positions(named) < inChannels)
       mix.description += fmt::format("; channels from {} on are left out", positions(named) + 1);
-    mix.stage = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    mix.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
       Audio_Channel_Downmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, named);
     };
   } else {
-    mix.stage = componentStage(inChannels, outChannels, pcm);
+    mix.step.process = channelConverter(inChannels, outChannels, pcm);
     if (inChannels < outChannels) {
       mix.description = "the channels are repeated in turn, by channel_UpMix_Duplicate";
     } else if (outChannels == 1) {
@@ -105,36 +152,65 @@ void Level::add(std::span<const std::int32_t> samples, unsigned sampleBytes) {
 
 double Level::decibels() const { return 20 * std::log10(peak / 0x1p31); }
 
-Report convert(AudioSource& source, const Mix& mix, unsigned outChannels, AudioSink& sink, std::size_t blockFrames,
-               const std::function<void(std::uint64_t)>& progress) {
-  const auto [rate, inChannels, sampleBytes] = source.format;
-  std::vector<std::int32_t> words(blockFrames * std::max(inChannels, outChannels));
-  std::vector<unsigned char> in(blockFrames * inChannels * sampleBytes);
-  std::vector<unsigned char> out(blockFrames * outChannels * sampleBytes);
-  const auto firstWords = [&](std::size_t count) { return std::span(words.data(), count); };
+Resampling chooseResampling(const StreamFormat& format, unsigned channels, int outRate, bool multichannel) {
+  if (format.rate == outRate) return {};
+  const auto record = makeRecord(InitKesAudioSrcInC);
+  const bool plain = channels == 2 && !multichannel;
+  const ResamplerFormat samples = format.sampleBytes == 2 ? KES_RESAMPLER_S16 : KES_RESAMPLER_S32;
+  const auto open = plain ? record->Open : record->MultiChannel_Open;
+  const auto call = plain ? record->Process : record->MultiChannel_Process;
+  if (open(record.get(), static_cast<std::uint32_t>(format.rate), channels, static_cast<std::uint32_t>(outRate),
+           channels, samples) != KES_OK)
+    fail("cannot resample {} Hz to {} Hz; rates from 4000 to 768000 Hz can be", format.rate, outRate);
+  // An empty first block, since the first one is made as long as its input by silence before it: a delay here.
+  std::uint32_t noInput = 0, noOutput = 0;
+  call(record.get(), nullptr, &noInput, nullptr, &noOutput);
+
+  Resampling resampling;
+  resampling.step = {nullptr, channels, channels, samples == KES_RESAMPLER_S16 ? 2u : 4u, format.rate, outRate};
+  resampling.description = fmt::format("{} to {} Hz, {} ch, by the {} resampler", format.rate, outRate, channels,
+                                       plain ? "plain" : "multichannel");
+  resampling.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    call(record.get(), src, inBytes, dst, outBytes);
+  };
+  return resampling;
+}
+
+std::uint64_t framesAt(std::uint64_t frames, int inRate, int outRate) {
+  const auto in = static_cast<std::uint64_t>(inRate), out = static_cast<std::uint64_t>(outRate);
+  return frames / in * out + (frames % in * out + in - 1) / in;
+}
+
+Report convert(AudioSource& source, const std::vector<Step>& steps, const StreamFormat& out, AudioSink& sink,
+               std::size_t blockFrames, const std::function<void(std::uint64_t)>& progress) {
+  const StreamFormat& in = source.format;
   Report report;
-  std::size_t kept = 0;  // bytes at the start of in that the stage has yet to consume
-  for (;;) {
-    const std::size_t room = (in.size() - kept) / source.format.frameBytes();
-    const std::span taken = firstWords(source.read(words.data(), room) * inChannels);
-    if (kept + taken.size() == 0) return report;
-    report.in.add(taken, sampleBytes);
-    pack(taken, sampleBytes, in.data() + kept);
+  std::uint64_t allFrames = UINT64_MAX;  // that the output will have, once the input's end is there
+  std::vector<std::int32_t> last;
+  Worker::Next next = [&](std::span<const std::int32_t> words) {
+    const auto frames = std::min<std::uint64_t>(words.size() / out.channels, allFrames - report.outFrames);
+    last.assign(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(frames * out.channels));
+    for (std::int32_t& word : last) word = rounded(word, out.sampleBytes);
+    report.out.add(last, out.sampleBytes);
+    sink.write(last.data(), frames);
+    report.outFrames += frames;
+  };
+  for (auto step = steps.rbegin(); step != steps.rend(); ++step)
+    next = [worker = std::make_shared<Worker>(*step, blockFrames, next)](auto words) { worker->push(words); };
 
-    const std::size_t offered = kept + taken.size() * sampleBytes;
-    auto left = static_cast<std::uint32_t>(offered);
-    auto made = static_cast<std::uint32_t>(out.size());
-    mix.stage(in.data(), &left, out.data(), &made);
-    std::memmove(in.data(), in.data() + offered - left, left);
-    kept = left;
-
-    const std::span given = firstWords(made / sampleBytes);
-    unpack(out.data(), sampleBytes, given);
-    report.out.add(given, sampleBytes);
-    sink.write(given.data(), given.size() / outChannels);
-    report.frames += given.size() / outChannels;
-    progress(report.frames);
+  std::vector<std::int32_t> words(blockFrames * in.channels);
+  while (const std::size_t frames = source.read(words.data(), blockFrames)) {
+    const std::span taken(words.data(), frames * in.channels);
+    report.in.add(taken, in.sampleBytes);
+    next(taken);
+    report.inFrames += frames;
+    progress(report.inFrames);
   }
+  // What the resampler has not made yet, for want of the input after it.
+  allFrames = framesAt(report.inFrames, in.rate, out.rate);
+  std::ranges::fill(words, 0);
+  while (report.outFrames < allFrames) next(words);
+  return report;
 }
 
 }  // namespace kesconvert

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// kesconvert: changes the channel count of an audio file with kesaudio.
+// kesconvert: changes the channel count and the sampling rate of an audio file with kesaudio.
 #include <fcntl.h>
 #include <kesaudio/channel_converter.h>
 #include <kesaudio/version.h>
@@ -28,6 +28,8 @@ constexpr const char* kExamples = R"(Examples:
       A 5.1 recording to stereo; the layout is taken from the file.
   kesconvert take.wav stereo.wav --channels 2 --layout quad
       The file does not say where its four channels belong, so say it.
+  kesconvert film.wav cd.wav --channels 2 --rate 44100
+      Mixed first, then resampled: two channels instead of six.
   kesconvert stereo.wav surround.wav --channels 6 --upmix zero
       Left and right stay where they are, four silent channels follow.
   arecord -t raw -f S16_LE -r 48000 -c 2 | kesconvert - mono.wav --channels 1 --raw 48000:2:s16
@@ -41,6 +43,8 @@ struct Options {
   std::string out;
   std::optional<unsigned> channels;
   std::optional<ChannelMask> layout;
+  std::optional<int> rate;
+  bool multichannel = false;
   std::string upmix = "duplicate";
   std::size_t blockFrames = 4096;
   std::optional<StreamFormat> raw;
@@ -69,7 +73,7 @@ ChannelMask parseLayoutOption(const std::string& text) {
 
 // The exit code, when there is nothing more to do.
 std::optional<int> parseArguments(int argc, char** argv, Options& options) {
-  CLI::App app("Changes the number of channels of an audio file.", "kesconvert");
+  CLI::App app("Changes the number of channels and the sampling rate of an audio file.", "kesconvert");
   app.footer(kExamples);
   app.set_version_flag("--version", fmt::format("kesconvert {}.{}.{}", KESAUDIO_VERSION_MAJOR, KESAUDIO_VERSION_MINOR,
                                                 KESAUDIO_VERSION_PATCH));
@@ -79,6 +83,12 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   app.add_option("OUT", options.out, "file, its container by its extension; - is standard output, a WAV")->required();
   app.add_option("--channels", options.channels, "channels of the output, as many as the input's if not given")
       ->check(CLI::Range(1u, kMaxChannels));
+  CLI::Option* const rate =
+      app.add_option("--rate", options.rate, "sampling rate of the output in Hz, the input's if not given")
+          ->check(CLI::Range(4000, 768000));
+  app.add_flag("--multichannel", options.multichannel,
+               "resample stereo too as every other number of channels: by the multichannel resampler")
+      ->needs(rate);
   app.add_option_function<std::string>(
       "--layout", [&](const std::string& text) { options.layout = parseLayoutOption(text); },
       "layout of the input: a mask like 0x3F or one of " + layoutNames());
@@ -155,10 +165,10 @@ void checkRaw(const Options& options) {
 }
 
 // --raw also says what a raw output of another input will be; it cannot make it so.
-void checkRawOutput(const StreamFormat& raw, const StreamFormat& in, unsigned outChannels) {
-  const bool channelsFit = raw.channels == outChannels || raw.channels == in.channels;
-  if (raw.rate != in.rate || raw.sampleBytes != in.sampleBytes || !channelsFit)
-    fail("--raw does not describe the output; give --raw {}:{}:s{}", in.rate, outChannels, in.sampleBytes * 8);
+void checkRawOutput(const StreamFormat& raw, const StreamFormat& in, const StreamFormat& out) {
+  const bool channelsFit = raw.channels == out.channels || raw.channels == in.channels;
+  if (raw.rate != out.rate || raw.sampleBytes != out.sampleBytes || !channelsFit)
+    fail("--raw does not describe the output; give --raw {}:{}:s{}", out.rate, out.channels, out.sampleBytes * 8);
 }
 
 void run(const Options& options) {
@@ -182,10 +192,19 @@ void run(const Options& options) {
          options.in, in.channels);
   StreamFormat out = in;
   out.channels = options.channels.value_or(rawOut ? options.raw->channels : in.channels);
-  if (rawOut && !rawIn) checkRawOutput(*options.raw, in, out.channels);
+  out.rate = options.rate.value_or(in.rate);
+  if (rawOut && !rawIn) checkRawOutput(*options.raw, in, out);
   const Mix mix = chooseMix(in, source.layout, out.channels, options.upmix == "zero");
+  const Resampling resampling =
+      chooseResampling(in, std::min(in.channels, out.channels), out.rate, options.multichannel);
+  // As few channels as there are on the way are resampled.
+  std::vector<Step> steps{mix.step, resampling.step};
+  if (out.channels > in.channels) std::swap(steps[0], steps[1]);
+  std::erase_if(steps, [](const Step& step) { return !step.process; });
+
   OutputFile output(options.out, !rawOut, input);
-  AudioSink sink(output, container, out, mix.layout, source.frames);
+  const auto outFrames = source.frames ? std::optional(framesAt(*source.frames, in.rate, out.rate)) : std::nullopt;
+  AudioSink sink(output, container, out, mix.layout, outFrames);
 
   const auto say = [&]<class... Args>(fmt::format_string<const Args&...> text, const Args&... args) {
     printLine(options.out == "-" ? stderr : stdout, fmt::format(text, args...));
@@ -195,23 +214,25 @@ void run(const Options& options) {
   say("layout: {}, {}", describe(source.layout), source.layoutOrigin);
   if (placed > 0 && placed < in.channels) say("layout: channels from {} on have no position", placed + 1);
   say("mix:    {}", mix.description);
-  say("output: {}, {}, {} ch, {}", options.out, sink.container, out.channels, describe(mix.layout));
+  if (resampling.step.process) say("rate:   {}", resampling.description);
+  say("output: {}, {}, {} Hz, {} ch, {}", options.out, sink.container, out.rate, out.channels, describe(mix.layout));
   if (sink.layoutTold != mix.layout)
     say("output: the container cannot tell that layout; readers will take it for {}", describe(sink.layoutTold));
 
   Progress progress(source.frames);
-  const Report report = convert(source, mix, out.channels, sink, options.blockFrames,
-                                [&](std::uint64_t frames) { progress.show(frames); });
+  const Report report =
+      convert(source, steps, out, sink, options.blockFrames, [&](std::uint64_t frames) { progress.show(frames); });
   sink.finish();
   output.commit();
   progress.clear();
 
-  const double audio = static_cast<double>(report.frames) / in.rate;
+  const double audio = static_cast<double>(report.outFrames) / out.rate;
   const double time = progress.seconds();
+  const bool canClip = mix.canClip || resampling.step.process;
   say("done:   {} frames, {} to {} ch, {:.3f} s of audio in {:.3f} s ({:.0f} x real time), peak {:.2f} dBFS in, "
       "{:.2f} dBFS out, {} clipped samples",
-      report.frames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),
-      report.out.decibels(), mix.canClip ? report.out.clippedSamples : 0);
+      report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),
+      report.out.decibels(), canClip ? report.out.clippedSamples : 0);
 }
 
 }  // namespace
