@@ -36,10 +36,11 @@ int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, Src
 /* Sets up a stream in the internal buffer, and the instance to give to the other operations. */
 int32_t Palix_Open(void** instance, void* internal, SrcParam* param);
 
-/* Changes the output rate from the next block on, without a gap: what is being filtered goes on. */
+/* Changes the output rate from the next block on, without a gap: what is being filtered goes on. A rate that needs more
+ * than twice the filter that the open needed is refused. */
 int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate);
 
-/* Back to the state after Palix_Open. */
+/* Back to the state after an open at the output rate that is set now. */
 int32_t Palix_Reset(void* instance);
 
 /* Converts a block. inBytes: available -> not consumed; outBytes: capacity -> written. Consumes all of the input as

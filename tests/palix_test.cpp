@@ -272,17 +272,15 @@ TEST(Palix, FormatsRoundAndClamp) {
 
 // The sine goes on where it was, as if the new rate had begun at the first output after the change.
 TEST(Palix, RateChangesWithoutAClick) {
-  constexpr uint32_t kChanges[][3] = {{44100, 48000, 47990},
-                                      {48000, 44100, 48000},
-                                      {48000, 24000, 12000},
-                                      {16000, 48000, 16000},
-                                      {44100, 48001, 32000}};
-  for (const auto& [inRate, outRate, newRate] : kChanges) {
+  constexpr uint32_t kChanges[][4] = {{44100, 48000, 48000, 47990}, {48000, 44100, 24000, 48000},
+                                      {48000, 24000, 44100, 12000}, {16000, 48000, 768000, 16000},
+                                      {8000, 44100, 96000, 11025},  {44100, 48001, 48000, 32000}};
+  for (const auto& [inRate, outRate, skippedRate, newRate] : kChanges) {
     SCOPED_TRACE(testing::Message() << inRate << " to " << outRate << ", then " << newRate << " Hz");
     Stream stream({inRate, 1, outRate, 1, KES_RESAMPLER_S32});
     const double cycles = 1000.0 / inRate;
     const std::vector<double> before = runTone(stream, 0.5, cycles, 0, 1001);
-    EXPECT_EQ(stream.setRate(outRate), 0);
+    EXPECT_EQ(stream.setRate(skippedRate), 0);
     EXPECT_EQ(stream.setRate(newRate), 0);
     const std::vector<double> after = runTone(stream, 0.5, cycles, 1001, 3000);
     ASSERT_GT(after.size(), 700u);

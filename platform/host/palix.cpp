@@ -80,8 +80,10 @@ uint32_t quotientUp(uint64_t dividend, uint32_t divisor) {
   return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
 }
 
-// How far the window of a group's last output is ahead of the first's, rounded up.
-uint32_t spread(const Ratio& ratio) { return quotientUp((kGroup - 1) * uint64_t{ratio.M}, ratio.L); }
+// How far the window of a group's last output can be ahead of the first's; the same for all ratios of a bandwidth.
+uint32_t spread(const Ratio& ratio) {
+  return quotientUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
+}
 
 // Of a row in a group: its taps, behind as many zeros as its window is ahead of the group's.
 uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + spread(ratio), kLanes); }
@@ -97,13 +99,13 @@ void buildTable(Stream& s) {
   const auto [L, M] = s.ratio;
   const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
   const uint32_t rows = s.interpolates ? rowsPerFrame + 3 : groupsInTable(s.ratio) * kGroup;
-  const uint32_t before =
-      s.interpolates ? spread(s.ratio) : 0;  // zeros, which later rows find in the one before them
+  // An interpolated row is read from up to so many zeros before it on; the others find them in their predecessor.
+  const uint32_t before = s.interpolates ? spread(s.ratio) : 0;
   std::fill_n(s.table, before + rows * size_t{floats}, 0.0f);
   uint64_t phase = 0;  // from the group's first frame on
   for (uint32_t row = 0; row < rows; ++row) {
     float* const to = s.table + before + row * size_t{floats};
-    if (s.interpolates) {  // from -1 to 1 more than there are in a frame
+    if (s.interpolates) {  // from one row before the frame to one behind it
       makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.work);
     } else {
       makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.work);
@@ -170,7 +172,8 @@ struct Layout {
 
 uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
 
-// Takes up an output rate, with the next output the first of a group and p behind its input frame.
+// Takes up an output rate, with the next output the first of a group and p behind its input frame. The table is made
+// anew only when it is another: rows to interpolate between depend on the bandwidth alone.
 void setRate(Stream& s, uint32_t outRate, double p) {
   const Ratio old = s.ratio;
   const bool interpolated = s.interpolates;
@@ -205,12 +208,10 @@ void filter(Stream& s, float* made, float* rows, uint32_t frames) {
     if (s.interpolates) interpolateRows(s, rows);
     const float* const from = s.interpolates ? rows : s.table + s.group * size_t{kGroup} * floats;
     const float* history = s.history + s.centre - (taps / 2 - 1);
-    uint32_t c = 0;
-    for (; c + kChannelsTogether <= channels; c += kChannelsTogether)
-      convolve<kChannelsTogether>(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin,
-                                  kMadeFloats);
-    for (; c < channels; ++c)
-      convolve<1>(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin, kMadeFloats);
+    for (uint32_t c = 0; c < channels; c += 2) {
+      const auto together = c + 1 < channels ? convolve<2> : convolve<1>;
+      together(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin, kMadeFloats);
+    }
     s.done = std::min(end - begin, kGroup);
     if (s.done < kGroup) break;
     step.apply(s.centre, s.phase);

@@ -21,14 +21,13 @@ namespace palix {
 constexpr uint32_t kLanes = 16;  // partial sums
 constexpr uint32_t kGroup = 4;   // outputs
 
-// Vectors of the machine's own width (compilers make poor code of wider ones), and as many channels together as its
-// registers hold sums of.
+// Vectors of the machine's own width: compilers make poor code of wider ones.
 #if defined(__AVX512F__)
-constexpr uint32_t kVectorLanes = 16, kChannelsTogether = 2;
+constexpr uint32_t kVectorLanes = 16;
 #elif defined(__AVX__)
-constexpr uint32_t kVectorLanes = 8, kChannelsTogether = 1;
+constexpr uint32_t kVectorLanes = 8;
 #else
-constexpr uint32_t kVectorLanes = 4, kChannelsTogether = 1;
+constexpr uint32_t kVectorLanes = 4;
 #endif
 constexpr uint32_t kVectors = kLanes / kVectorLanes;
 
@@ -70,17 +69,17 @@ template <uint32_t kBlock>
   (std::make_integer_sequence<uint32_t, kVectorLanes>());
 }
 
-// The totals of the vectors' blocks, one a lane.
+// The totals of the vectors' blocks, to as many floats as all of the vectors have lanes in the end.
 template <uint32_t kBlock, uint32_t kCount>
-[[gnu::always_inline]] inline Vector totals(const Vector (&sums)[kCount]) {
+[[gnu::always_inline]] inline void totals(const Vector (&sums)[kCount], float* results) {
   if constexpr (kBlock == 1) {
-    return sums[0];
+    std::memcpy(results, sums, sizeof sums);
   } else {
     Vector halves[(kCount + 1) / 2];
     unrolled<(kCount + 1) / 2>([&](auto i) __attribute__((always_inline)) {
       halves[i] = addHalves<kBlock>(sums[2 * i], sums[std::min(2 * i + 1, kCount - 1)]);
     });
-    return totals<kBlock / 2>(halves);
+    totals<kBlock / 2>(halves, results);
   }
 }
 
@@ -89,17 +88,20 @@ template <uint32_t kChannels>
 void convolve(const float* rows, uint32_t width, const float* history, size_t historyFloats, float* out,
               size_t outFloats) {
   constexpr uint32_t kSums = kChannels * kGroup;
-  Vector sums[kVectors][kSums] = {};
-  for (uint32_t k = 0; k < width; k += kLanes) {
-    unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
+  Vector sums[kVectors][kSums];
+  unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
+    // One vector's lanes after the other, since the registers hold no more sums.
+    Vector lanes[kSums] = {};
+    for (uint32_t k = v * kVectorLanes; k < width; k += kLanes) {
       unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
-        const Vector frames = load(history + c * historyFloats + k + v * kVectorLanes);
+        const Vector frames = load(history + c * historyFloats + k);
         unrolled<kGroup>([&](auto o) __attribute__((always_inline)) {
-          sums[v][c * kGroup + o] += load(rows + o * width + k + v * kVectorLanes) * frames;
+          lanes[c * kGroup + o] += load(rows + o * width + k) * frames;
         });
       });
-    });
-  }
+    }
+    std::copy_n(lanes, kSums, sums[v]);
+  });
   if constexpr (kVectors > 2) {
     unrolled<kSums>([&](auto i) __attribute__((always_inline)) {
       sums[0][i] += sums[2][i];
@@ -108,9 +110,8 @@ void convolve(const float* rows, uint32_t width, const float* history, size_t hi
   }
   if constexpr (kVectors > 1)
     unrolled<kSums>([&](auto i) __attribute__((always_inline)) { sums[0][i] += sums[1][i]; });
-  const Vector all = totals<kVectorLanes>(sums[0]);
-  float results[kVectorLanes];
-  std::memcpy(results, &all, sizeof all);
+  float results[std::max(kSums, kVectorLanes)];
+  totals<kVectorLanes>(sums[0], results);
   for (uint32_t c = 0; c < kChannels; ++c)
     std::memcpy(out + c * outFloats, results + c * kGroup, kGroup * sizeof(float));
 }
