@@ -37,14 +37,16 @@ int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, Src
 int32_t Palix_Open(void** instance, void* internal, SrcParam* param);
 
 /* Changes the output rate from the next block on, without a gap: what is being filtered goes on. A rate that needs more
- * than twice the filter that the open needed is refused. */
+ * than twice the filter that the open needed is refused. From a change to the next reset the taps of every output are
+ * interpolated, which takes about three times as long. */
 int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate);
 
 /* Back to the state after an open at the output rate that is set now. */
 int32_t Palix_Reset(void* instance);
 
 /* Converts a block. inBytes: available -> not consumed; outBytes: capacity -> written. Consumes all of the input as
- * long as its output fits, whole frames of both. */
+ * long as its output fits, whole frames of both. The output lags by half of the filter, 38 frames of the lower rate.
+ * src and dst may have any address, and must not overlap each other or the work buffers. */
 int32_t Palix_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 

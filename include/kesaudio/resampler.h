@@ -65,7 +65,8 @@ typedef struct KesAudioSrcInC KesAudioSrcInC;
 struct KesAudioSrcInC {
   /* State 1: stores value into the field of the ID; KES_BAD_PARAMETER, and nothing is stored, for a format above 4 or
    * an ID that is not in the list. State 2: only the output rate can change; it is stored and handed to the library,
-   * which applies it from the next block on; any other ID gives KES_REFUSED. Either open replaces all five. */
+   * which applies it from the next block on; any other ID gives KES_REFUSED. Whether the library takes the rate is not
+   * looked at: mParam holds the new one in any case. Either open replaces all five. */
   uint32_t (*SetParameter)(KesAudioSrcInC* handle, int32_t paramID, uint32_t value);
 
   /* Any state: logs the field's value, which goes nowhere else. KES_BAD_PARAMETER for an ID that is not in the list. */
@@ -87,6 +88,11 @@ struct KesAudioSrcInC {
    *
    *   src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
    *   dst, outBytes   in: capacity of dst. Out: bytes in dst.
+   *
+   * A dst for inBytes * outSampleRate / inSampleRate (twice that for format 1) and one frame more takes all of the
+   * output; with less, the library leaves input, which the caller offers again. The blocks may have any address and
+   * must not overlap. The last output of a stream comes out when silence is fed behind it, as much as the library's
+   * latency is.
    *
    * The first block since the initialisation (not since an open or a Reset) is made as long as the input is at the
    * output rate: the library's output, shorter by its latency, is moved to the end of

@@ -11,7 +11,7 @@
 // one's; the rows of the others begin with a few zeros. There are L different p, so the groups recur after lcm(L, 4)
 // outputs. When these rows fit into the table, it holds them in the order of their use, and memory is read straight
 // on. Else (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at even distances of p, and
-// those of a group are interpolated, with an error below -130 dB.
+// those of a group are interpolated, with an error of about -130 dB.
 //
 // Internal buffer, from its first multiple of 64 bytes on:
 //   Stream     state, see there
@@ -39,9 +39,11 @@ constexpr uint32_t kMadeFloats = kBlockFrames + 2 * kGroup;  // with the rest of
 constexpr uint32_t kRowsPerPeriod = 64;                      // of the lower rate, where rows are interpolated
 constexpr size_t kAlignment = 64;
 
-// Room for the rows of the common pairs of rates (48 to 44.1 kHz: 588 of 96 floats), and in any case for those to
-// interpolate between: at most 64 * b + 4 rows of 79 / b + 18 floats, with the bandwidth b <= 1 and 76 / b <= taps.
-constexpr size_t tableFloats(uint32_t maxTaps) { return 65536 + 6 * size_t{maxTaps}; }
+// Tables in the order of use are for the common pairs of rates (48 to 44.1 kHz: 588 rows of 96 floats). Where they
+// are too long for that, there is room at least for the rows to interpolate between: at most 64 * b + 4 of 79 / b +
+// 18 floats, with the bandwidth b <= 1 and 76 / b <= taps.
+constexpr size_t kOrderedFloats = 65536;
+constexpr size_t tableFloats(uint32_t maxTaps) { return kOrderedFloats + 6 * size_t{maxTaps}; }
 constexpr size_t historyFloats(uint32_t maxTaps) { return 3 * size_t{maxTaps} + kBlockFrames; }
 constexpr size_t rowsFloats(uint32_t maxTaps) { return kGroup * 2 * size_t{maxTaps}; }
 
@@ -180,7 +182,7 @@ void setRate(Stream& s, uint32_t outRate, double p) {
   s.param.outSampleRate = outRate;
   s.ratio = Ratio(s.param.inSampleRate, outRate);
   const size_t floats = size_t{kGroup} * groupsInTable(s.ratio) * rowFloats(s.ratio);
-  s.interpolates = p != 0 || floats > tableFloats(s.maxTaps);
+  s.interpolates = p != 0 || floats > kOrderedFloats;
   s.phase = std::min(static_cast<uint32_t>(p * s.ratio.L), s.ratio.L - 1);
   s.fraction = p * s.ratio.L - s.phase;
   s.group = s.done = 0;
@@ -257,9 +259,9 @@ void process(Stream& s, float* scratch, const unsigned char* src, uint32_t* inBy
       room -= frames;
       continue;
     }
-    // As much as makes the outputs possible that there is room for, and what comes behind without another one.
-    const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : 0;
-    const uint64_t most = std::max(last, frameOf(s, done + room)) + s.ratio.taps() / 2;
+    // As much as makes the outputs possible that there is room for, or without any, as makes none possible.
+    const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : frameOf(s, done);
+    const uint64_t most = last + s.ratio.taps() / 2;
     const size_t taken = std::min<uint64_t>({offered, most - std::min<uint64_t>(most, s.filled), kBlockFrames});
     if (taken == 0) break;
     if (s.filled + taken > historyFloats(s.maxTaps) - s.maxTaps) dropOldFrames(s);
