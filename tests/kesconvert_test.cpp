@@ -5,6 +5,7 @@
 #include <sndfile.h>
 #include <sys/wait.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -193,6 +194,57 @@ TEST_F(Kesconvert, ResamplesInTime) {
   }
 }
 
+// What is in a recording of a voice at 48 kHz, 44.1 kHz hold too.
+TEST_F(Kesconvert, BringsARealRecordingThereAndBack) {
+  const fs::path recording = "/usr/share/sounds/alsa/Front_Center.wav";
+  if (!fs::exists(recording)) GTEST_SKIP() << "no recording: install alsa-utils";
+  fs::copy(recording, folder_ / "voice.wav");
+  ASSERT_EQ(run("$K voice.wav there.wav --rate 44100 --format s24 && $K there.wav back.wav --rate 48000"), 0) << err_;
+  SF_INFO voiceInfo{}, backInfo{};
+  const std::vector<int> voice = read("voice.wav", voiceInfo), back = read("back.wav", backInfo);
+  ASSERT_TRUE(back.size() == voice.size() || back.size() == voice.size() + 1);  // rounded up twice
+  double power = 0, error = 0;
+  for (std::size_t i = 0; i < voice.size(); ++i) {
+    power += std::pow(voice[i] / 0x1p31, 2);
+    error += std::pow((voice[i] - back[i]) / 0x1p31, 2);
+  }
+  EXPECT_LT(10 * std::log10(error / power), -60);
+}
+
+TEST_F(Kesconvert, ChangesTheSampleFormatAndLimits) {
+  const std::vector<int> in = write("loud.wav", SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 6, k5Point1);
+  ASSERT_EQ(run("$K loud.wav o.wav --format s16"), 0) << err_;
+  SF_INFO info{};
+  const std::vector<int> rounded = read("o.wav", info);
+  EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, SF_FORMAT_PCM_16);
+  ASSERT_EQ(rounded.size(), in.size());
+  for (std::size_t i = 0; i < in.size(); ++i)
+    ASSERT_EQ(rounded[i] >> 16, std::min(std::nearbyint((in[i] & ~255) / 65536.0), 32767.0)) << i;
+
+  // The same mix with the limiter and, 24 dB down, without: a peak of the one is at full scale in the other.
+  ASSERT_EQ(run("$K loud.wav limited.wav --channels 2 --limit"), 0) << err_;
+  std::smatch said;
+  ASSERT_TRUE(std::regex_search(out_, said, std::regex("limited by up to ([0-9.]+) dB"))) << out_;
+  const double limitedBy = std::stod(said[1]);
+  const std::vector<int> limited = read("limited.wav", info);
+  std::vector<int> quiet = in;
+  for (int& sample : quiet) sample /= 16;
+  SF_INFO quietInfo{0, 48000, 6, SF_FORMAT_WAVEX | SF_FORMAT_PCM_32, 0, 0};
+  SNDFILE* file = sf_open((folder_ / "quiet.wav").c_str(), SFM_WRITE, &quietInfo);
+  sf_command(file, SFC_SET_CHANNEL_MAP_INFO, std::vector(k5Point1).data(), 6 * sizeof(int));
+  sf_writef_int(file, quiet.data(), kFrames);
+  sf_close(file);
+  ASSERT_EQ(run("$K quiet.wav mixed.wav --channels 2"), 0) << err_;
+  const std::vector<int> mixed = read("mixed.wav", quietInfo);
+  ASSERT_EQ(info.frames, kFrames);
+  double worst = 0;
+  for (std::size_t i = 0; i < mixed.size(); ++i) {
+    EXPECT_LE(std::abs(limited[i] / 65536.0), std::min(std::abs(mixed[i] / 4096.0) + 1, 32767.0)) << i;
+    worst = std::max(worst, std::abs(mixed[i] / 0x1p27));
+  }
+  EXPECT_NEAR(limitedBy, 20 * std::log10(worst), 0.01);
+}
+
 TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
   put("six.bin", packed(write("six.wav", SF_FORMAT_WAVEX | SF_FORMAT_PCM_24, 6, k5Point1), 3));
   write("two.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 2);
@@ -219,11 +271,19 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "$K two.flac a.wav --rate 44100 && $K two.flac b.wav --rate 44100 --multichannel --block 7 && cmp a.wav b.wav",
       "$K six.wav a.wav --rate 44100 --channels 2 && $K six.wav b.wav --channels 2 && $K b.wav c.wav --rate 44100 && "
       "cmp a.wav c.wav",
+      "$K six.wav a.wav --rate 44100 && $K six.wav b.wav --format s32 && $K b.wav c.wav --rate 44100 && "
+      "$K c.wav b.wav --format s24 && cmp a.wav b.wav",
+      "$K six.bin a.bin --raw 48000:6:s24 --rate 44100 && { cat six.bin; head -c 180000 /dev/zero; } | "
+      "$K - - --raw 48000:6:s24 --rate 44100 | head -c $(stat -c %s a.bin) | cmp - a.bin",
       "$K two.flac a.wav --rate 44100 --channels 6 && $K two.flac b.wav --rate 44100 && $K b.wav c.wav --channels 6 "
       "&& "
       "cmp a.wav c.wav",
       "cat two.flac | $K - - --rate 96000 | cat > a.wav && $K two.flac b.wav --rate 96000 && cmp a.wav b.wav",
       "$K old.wav b.wav --rate 48000 && cmp old.wav b.wav",
+      "$K two.flac a.wav --format s32 && $K a.wav b.wav --format s24 && $K b.wav c.flac --format s16 && "
+      "$K two.flac d.flac && cmp c.flac d.flac",
+      "$K six.wav a.wav --channels 1 --format s16 --limit --block 7 && $K six.wav b.wav --channels 1 --limit && "
+      "cmp a.wav b.wav",
       "$K --version | grep -Eq '^kesconvert [0-9.]+$' && $K --help | grep -q Examples",
   };
   for (const char* command : kCommands) EXPECT_EQ(run(command), 0) << command << "\n" << out_ << err_;
@@ -239,8 +299,11 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {2, "$K f.wav o.wav --channels 9", "Value 9 not in range 1 to 8"},
       {2, "$K f.wav o.wav --layout 9.9", "9.9 is unknown; use"},
       {2, "$K f.wav o.wav --rate 3999", "Value 3999 not in range 4000 to 768000"},
+      {2, "$K f.wav o.wav --format s8", "s8 not in"},
+      {2, "$K f.wav o.wav --format s24 --limit", "--limit makes samples of 16 bits; leave"},
+      {1, "$K - o.wav --raw 8000:4:s16 --limit < f.wav", "--limit is for 1 or 2 channels, not for 4; add"},
       {2, "$K f.wav o.wav --multichannel", "--multichannel requires --rate"},
-      {1, "$K - old.wav --raw 800000:2:s16 --rate 48000 <f.wav", "cannot resample 800000 Hz to 48000 Hz; rates from"},
+      {1, "$K - old.wav --raw 800000:2:s16 --rate 48000 <f.wav", "cannot resample an input of 800000 Hz; leave"},
       {1, "$K f.wav o.bin --raw 48000:2:s16 --rate 44100", "give --raw 44100:2:s16"},
       {2, "$K f.wav - --raw 8000:2", "8000:2 is not RATE:CHANNELS:FORMAT; give"},
       {2, "$K f.wav o.raw", "o.raw is raw PCM by its name; say"},

@@ -1,25 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The resampler component against a model of it over random sequences of operations. The platform's resampler
-// library, its log and the heap are fakes here: they do as they are told, and write down every call.
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
-#include <cstdarg>
-#include <cstring>
-#include <sstream>
-#include <thread>
-
-#include "platform/log.h"
+// The resampler component against a model of it over random sequences of operations, with a fake of the platform's
+// resampler library.
 #include "platform/resampler_lib.h"
-#include "random.h"
+
+#include "fakes.h"
 
 using Record = KesAudioSrcInC;
-using Bytes = std::vector<std::byte>;
 
-constexpr auto list(auto... values) { return std::array{static_cast<int>(values)...}; }
-#define AT(member) offsetof(Record, member)
 static_assert(list(AT(SetParameter), AT(GetParameter), AT(Reset), AT(Open), AT(Close), AT(Process),
                    AT(MultiChannel_Open), AT(MultiChannel_ResetBuffer), AT(MultiChannel_Process), AT(mTempBufSize),
                    AT(mInternalBufSize), AT(mpTempBuf), AT(mpInternalBuf), AT(mParam.inSampleRate),
@@ -38,60 +25,23 @@ std::ostream& operator<<(std::ostream& out, const Record& r) {
 
 namespace {
 
-constexpr uint32_t kRoom = 1024;  // bytes of the largest block that the heap has
+constexpr char kTag[] = "KesAudioSrcInC";  // of every log line
 
-struct World {
-  // What happens next. The size query gives `result`, everything else in the library `unexamined`.
-  int32_t result = 0, unexamined = 0;
-  uint32_t internalBytes = 0, scratchBytes = 0, left = 0, made = 0;
-  void* instance = nullptr;
-  size_t failing = ~size_t{0};  // which allocation, from 0
-  // What happened.
-  std::vector<std::string> seen{};
-  std::vector<void*> blocks{};  // that the heap was asked for, and gave
-};
-thread_local World world;
-thread_local constinit bool watched = false;  // what uses the heap is the component
-
-struct Unwatched {
-  bool before = std::exchange(watched, false);
-  ~Unwatched() { watched = before; }
-};
-
-std::string text(const auto&... parts) { return (std::ostringstream() << ... << parts).str(); }
-
-int32_t saw(const char* name, const auto&... parts) {
-  const Unwatched unwatched;
-  world.seen.push_back(text(name, text(' ', parts)...));
-  return world.unexamined;
-}
-
-// An output buffer that holds zeros, then the fake library's samples.
-Bytes output(size_t capacity, uint32_t zeros = 0, uint32_t samples = 0) {
-  Bytes bytes(capacity, std::byte{0xA5});
-  for (uint32_t i = 0; i < zeros + samples; ++i) bytes[i] = std::byte(i < zeros ? 0 : (i - zeros) % 251 + 1);
-  return bytes;
-}
-
-class Player {
+class Player : BesideModel<Record> {
  public:
-  explicit Player(uint32_t seed) : random_(seed) { init(); }
-  ~Player() { freeBuffers(); }
+  explicit Player(uint32_t seed) : BesideModel(kTag, seed) { init(); }
 
   // Does one random operation to the record, then to the model, and compares all that was seen.
   void play() {
-    world = {random_.from({0, 0, 1, INT32_MAX, -1, INT32_MIN}), random_.between(-1, 1), size(), size(), extreme()};
-    world.instance = &instances_[random_.below(8)], world.failing = random_.below(5);
+    prepare();
     const bool multi = random_.oneIn(2);
     const int32_t id = random_.oneIn(6) ? random_.from({INT32_MIN, INT32_MAX, -1, -2}) : random_.between(0, 11);
     const uint32_t value = random_.oneIn(2) ? random_.below(7) : extreme();
     SrcParam p = {rate(), channels(), rate(), channels(), random_.oneIn(3) ? value : random_.below(4)};
     if (random_.oneIn(2)) p.outChannels = p.inChannels;
-    uint32_t in = random_.oneIn(6) ? extreme() : random_.below(300), bytes = blockBytes(in);
-    uint32_t out = random_.from({bytes, bytes, bytes - 1, bytes + 1, ~0u, random_.below(kRoom)});
-    world.made = std::min({random_.from({bytes, bytes - 1, bytes / 2, bytes + 1, 0u}), out, kRoom});
-    Bytes dst = dst_ = output(kRoom);
-    in_ = in, out_ = out, asked_ = 0, expected_.clear();
+    const uint32_t in = random_.oneIn(6) ? extreme() : random_.below(300), bytes = blockBytes(in);
+    give(in, random_.from({bytes, bytes, bytes - 1, bytes + 1, ~0u, random_.below(kRoom)}),
+         random_.from({bytes, bytes - 1, bytes / 2, bytes + 1, 0u}));
 
     uint32_t code = 0, wanted = 0;
     switch (random_.below(10)) {
@@ -113,51 +63,30 @@ class Player {
         wanted = open(multi, p);
         break;
       default:
-        code = run(multi ? record_.MultiChannel_Process : record_.Process, &src_, &in_, dst_.data(), &out_);
-        wanted = process(multi, in, out, dst);
+        code = run(multi ? record_.MultiChannel_Process : record_.Process, src_, in_, dst_, out_);
+        wanted = process(multi);
     }
-    saw("returned", code, in_, out_, record_), want("returned", wanted, in, out, model_);
-    EXPECT_EQ(world.seen, expected_);
-    EXPECT_TRUE(dst_ == dst);
+    compare(code, wanted);
   }
 
  private:
-  uint32_t extreme() { return random_.from({0u, 1u, 3u, 0x40000000u, 0x80000000u, ~0u, random_.word()}); }
   uint32_t rate() { return random_.oneIn(6) ? extreme() : random_.from({8000u, 44100u, 48000u, 96000u}); }
   uint32_t channels() { return random_.oneIn(6) ? extreme() : random_.below(8); }
-  uint32_t size() { return random_.oneIn(4) ? extreme() : random_.below(kRoom); }
-  void freeBuffers() { std::free(model_.mpTempBuf), std::free(model_.mpInternalBuf); }
-
-  uint32_t run(auto operation, auto... arguments) {
-    watched = true;
-    const uint32_t code = operation(&record_, arguments...);
-    watched = false;
-    return code;
-  }
 
   // ---- the model: what each operation must do, in its order, and return
 
-  void want(const auto& name, const auto&... parts) { expected_.push_back(text(name, text(' ', parts)...)); }
-  void log(int priority, const auto&... parts) { want("log", priority, text(parts...)); }
-  void library(bool multi, const char* name, const auto&... parts) {
-    want(text("Palix_", multi ? "MultiChannel_" : "", name), parts...);
-  }
-  void* allocate(uint32_t bytes) {
-    if (bytes != 0) want("malloc", bytes);
-    return bytes != 0 && asked_ < world.blocks.size() ? world.blocks[asked_++] : nullptr;
+  static std::string palix(bool multi, const char* name) {
+    return text("Palix_", multi ? "MultiChannel_" : "", name);
   }
 
   void init() {
-    std::memset(&record_, 0xEE, sizeof record_);
-    run([](Record* record) { return InitKesAudioSrcInC(record), 0u; });
-    model_ = {}, model_.mState = 1;
+    initialise(InitKesAudioSrcInC);
     log(3, "InitKesAudioSrcInC");
   }
 
   uint32_t close() {
     if (model_.mState != 2) return 2;
-    for (void** buffer : {&model_.mpTempBuf, &model_.mpInternalBuf})
-      if (*buffer) want("free", std::exchange(*buffer, nullptr));
+    releaseBuffers();
     return model_.mState = 1, 0;
   }
 
@@ -165,7 +94,7 @@ class Player {
     const char* const name = multi ? "MultiChannel_ResetBuffer" : "SrcReset";
     log(3, "+", name, "()\n");
     if (model_.mState != 2) return 2;
-    library(multi, "Reset", model_.mpResampler);
+    want(palix(multi, "Reset"), model_.mpResampler);
     return log(3, "-", name, "()\n"), 0;
   }
 
@@ -186,7 +115,7 @@ class Player {
     if (model_.mState == 2 && id != 4) return 2;
     if (!field(id) || (id == 0 && value > 4)) return 1;
     *field(id) = value;
-    if (model_.mState == 2) library(false, "SetSamplingRate", model_.mpResampler, value);
+    if (model_.mState == 2) want("Palix_SetSamplingRate", model_.mpResampler, value);
     return log(3, "-SrcSetParameter()\n"), 0;
   }
 
@@ -197,19 +126,10 @@ class Player {
     if (multi && p.inChannels != p.outChannels)
       return log(6, "in ch ", p.inChannels, " != out ch ", p.outChannels), 2;
     model_.mParam = p;
-    library(multi, "GetBufferSize", &record_.mInternalBufSize, &record_.mTempBufSize, &record_.mParam, p);
-    model_.mInternalBufSize = world.internalBytes, model_.mTempBufSize = world.scratchBytes;
+    wantSizes(palix(multi, "GetBufferSize"), &record_.mParam, p);
     if (world.result < 0) return log(3, "Palix_GetBufferSize return err ", world.result, "\n"), 2;
-    void* const internal = allocate(world.internalBytes);
-    if (!internal && world.internalBytes) return log(3, name, "() mpInternalBuf malloc failed\n"), 2;
-    void* const temp = allocate(world.scratchBytes);
-    if (!temp && world.scratchBytes) {
-      log(3, name, "() mpTempBuf malloc failed\n");
-      if (internal) want("free", internal);
-      return 2;
-    }
-    library(multi, "Open", &record_.mpResampler, internal, &record_.mParam, p);
-    model_.mpInternalBuf = internal, model_.mpTempBuf = temp;
+    if (!obtainBuffers(name)) return 2;
+    want(palix(multi, "Open"), &record_.mpResampler, model_.mpInternalBuf, &record_.mParam, p);
     model_.mpResampler = world.instance, model_.mState = 2;
     if (multi) log(3, "-", name, "()\n");
     return 0;
@@ -225,13 +145,13 @@ class Player {
     return static_cast<uint32_t>(frame == 0 ? 0 : times((bytes + frame - 1) / frame, frame));
   }
 
-  uint32_t process(bool multi, uint32_t& in, uint32_t& out, Bytes& dst) {
+  uint32_t process(bool multi) {
     if (model_.mState != 2) return 2;
+    auto& [in, out, dst] = wanted_;
     uint32_t bytes = blockBytes(in);
     if (model_.mParam.format > 3) log(6, "unknown format ", model_.mParam.format, "!!");
     if (bytes > out) log(6, "OutputSampleCount ", out, " < ", bytes, "!!"), bytes = out;
-    library(multi, "Process", model_.mpResampler, model_.mpTempBuf, &src_, &in_, in, dst_.data(), &out_, out);
-    in = world.left, out = world.made, dst = output(kRoom, 0, out);
+    wantBlock(palix(multi, "Process"), model_.mpResampler, model_.mpTempBuf);
     if (model_.mFirstBlockDone != 1 && out != bytes) {
       log(3, "OutputSampleCount ", out, " => ", bytes);
       if (out < bytes) {
@@ -243,30 +163,15 @@ class Player {
     }
     return model_.mFirstBlockDone = 1, 0;
   }
-
-  Random random_;
-  Record record_, model_;
-  Bytes dst_;
-  uint32_t src_ = 0, in_ = 0, out_ = 0;
-  char instances_[8] = {};
-  std::vector<std::string> expected_;
-  size_t asked_ = 0;  // allocations of the model in this operation
 };
 
-TEST(Threads, DriveSeparateResamplersThatEqualTheirModel) {
-  std::vector<std::jthread> threads;
-  for (uint32_t seed = 0; seed < 4; ++seed)
-    threads.emplace_back([seed] {
-      Player one(seed), other(seed + 4);
-      for (int step = 0; step < 10000 && !testing::Test::HasFailure(); ++step) one.play(), other.play();
-    });
-}
+TEST(Threads, DriveSeparateResamplersThatEqualTheirModel) { playOnThreads<Player>(); }
 
 // What was logged since the last look.
 std::string logged() {
   std::string lines;
   for (const std::string& event : std::exchange(world.seen, {}))
-    if (event.starts_with("log ")) lines += event.substr(4) + (event.ends_with('\n') ? "" : "|");
+    if (event.starts_with(kTag)) lines += event.substr(sizeof kTag) + (event.ends_with('\n') ? "" : "|");
   return lines;
 }
 
@@ -311,12 +216,11 @@ TEST(Resampler, AlignsTheFirstBlock) {
 
 }  // namespace
 
-// ---- the fakes, found before the platform's libraries and the C library's heap
+// ---- the fake library
 
 #define FLAVOUR(prefix)                                                                                 \
   int32_t prefix##GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param) {     \
-    saw(#prefix "GetBufferSize", internalBytes, scratchBytes, param, *param);                           \
-    *internalBytes = world.internalBytes, *scratchBytes = world.scratchBytes;                           \
+    sawSizes(#prefix "GetBufferSize", internalBytes, scratchBytes, param, *param);                      \
     return world.result;                                                                                \
   }                                                                                                     \
   int32_t prefix##Open(void** instance, void* internal, SrcParam* param) {                              \
@@ -326,44 +230,8 @@ TEST(Resampler, AlignsTheFirstBlock) {
   int32_t prefix##Reset(void* instance) { return saw(#prefix "Reset", instance); }                      \
   int32_t prefix##Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst, \
                           uint32_t* outBytes) {                                                         \
-    saw(#prefix "Process", instance, scratch, src, inBytes, *inBytes, dst, outBytes, *outBytes);        \
-    const Unwatched unwatched;                                                                          \
-    std::ranges::copy(output(world.made, 0, world.made), static_cast<std::byte*>(dst));                 \
-    *inBytes = world.left, *outBytes = world.made;                                                      \
-    return world.unexamined;                                                                            \
+    return sawBlock(#prefix "Process", src, inBytes, dst, outBytes, instance, scratch);                 \
   }
 FLAVOUR(Palix_)
 FLAVOUR(Palix_MultiChannel_)
 int32_t Palix_SetSamplingRate(void* instance, uint32_t rate) { return saw(__func__, instance, rate); }
-
-int __android_log_print(int priority, const char* tag, const char* format, ...) {
-  EXPECT_STREQ(tag, "KesAudioSrcInC");
-  char line[200];
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(line, sizeof line, format, arguments);
-  va_end(arguments);
-  return saw("log", priority, line);
-}
-
-// A sanitizer calls these while it starts, before instrumented code or a guarded static can run, and from dlsym too.
-#define EARLY extern "C" __attribute__((no_sanitize("address", "thread", "undefined")))
-
-static void (*nextFree)(void*);
-
-EARLY void* malloc(size_t bytes) noexcept {
-  static void* (*next)(size_t);
-  if (!next) nextFree = reinterpret_cast<void (*)(void*)>(dlsym(RTLD_NEXT, "free"));
-  if (!next) next = reinterpret_cast<void* (*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
-  if (!watched) return next(bytes);
-  const Unwatched unwatched;
-  saw("malloc", bytes);
-  const bool fails = world.blocks.size() == world.failing || bytes > kRoom;
-  world.blocks.push_back(fails ? nullptr : next(bytes));
-  return fails ? nullptr : std::memset(world.blocks.back(), 0xDD, bytes);  // as found, not zeros
-}
-
-EARLY void free(void* block) noexcept {
-  if (watched && block) saw("free", block);
-  if (nextFree) nextFree(block);
-}

@@ -1,54 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
-// The conversion itself: what a stream goes through, and the work block by block.
+// The conversion itself: which steps a stream goes through, and the work block by block.
 #ifndef KESCONVERT_CONVERSION_H
 #define KESCONVERT_CONVERSION_H
 
-#include <cstdint>
-#include <functional>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "audio_file.h"
-#include "layout.h"
+#include "steps.h"
 
 namespace kesconvert {
 
-// A step of the conversion, in the library's process-call form: converts as much as fits, and rewrites both counts to
-// the bytes not consumed and the bytes made.
-using ProcessCall = std::function<void(const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes)>;
-
-struct Step {
-  ProcessCall process;  // null when there is nothing to do
-  unsigned inChannels = 0;
-  unsigned outChannels = 0;
-  unsigned sampleBytes = 0;
-  int inRate = 0;
-  int outRate = 0;
+struct Wishes {
+  bool addSilentChannels = false;
+  bool multichannel = false;  // resampler, for stereo too
+  bool limit = false;
 };
 
-struct Mix {
-  Step step;
-  std::string description;
-  ChannelMask layout = KES_LAYOUT_NONE;  // of the output
+struct Plan {
+  std::vector<Step> steps;
+  std::vector<std::string> descriptions;  // of all that is done, and of a mix that is not
+  ChannelMask layout = KES_LAYOUT_NONE;   // of the output
   bool canClip = false;
+  std::shared_ptr<std::uint32_t> limited;  // the limiter's highest input; null without one
 };
 
-// The mix to so many channels: the component of the library, or an entry point where the component cannot be told
-// what is wanted (a layout, silent channels).
-Mix chooseMix(const StreamFormat& format, ChannelMask layout, unsigned outChannels, bool addSilentChannels);
-
-struct Resampling {
-  Step step;
-  std::string description;
-};
-
-// The change of rate of so many channels: by the plain flavour of the resampler, or by its multichannel one. The
-// first output frame stands at the time of the first input frame.
-Resampling chooseResampling(const StreamFormat& format, unsigned channels, int outRate, bool multichannel);
-
-// The frames that a stream has at another rate, rounded up.
-std::uint64_t framesAt(std::uint64_t frames, int inRate, int outRate);
+// The way from one form to another on which the fewest samples are resampled.
+Plan makePlan(const Form& in, ChannelMask layout, const Form& out, const Wishes& wishes);
 
 struct Level {
   std::uint32_t peak = 0;            // of 2^31
@@ -59,15 +37,13 @@ struct Level {
 };
 
 struct Report {
-  std::uint64_t inFrames = 0;
   std::uint64_t outFrames = 0;
   Level in;
   Level out;
 };
 
-// Converts the source to its end, through one step after the other. After every block progress is told how many input
-// frames are done.
-Report convert(AudioSource& source, const std::vector<Step>& steps, const StreamFormat& out, AudioSink& sink,
+// Converts the source to its end. After every block progress is told how many input frames are done.
+Report convert(AudioSource& source, const std::vector<Step>& steps, const Form& out, AudioSink& sink,
                std::size_t blockFrames, const std::function<void(std::uint64_t)>& progress);
 
 }  // namespace kesconvert

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// kesconvert: changes the channel count and the sampling rate of an audio file with kesaudio.
+// kesconvert: changes the channels, the sampling rate and the sample format of an audio file with kesaudio.
 #include <fcntl.h>
 #include <kesaudio/channel_converter.h>
 #include <kesaudio/version.h>
@@ -30,6 +30,8 @@ constexpr const char* kExamples = R"(Examples:
       The file does not say where its four channels belong, so say it.
   kesconvert film.wav cd.wav --channels 2 --rate 44100
       Mixed first, then resampled: two channels instead of six.
+  kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
+      To 16 bits, with peaks that the mix makes too high turned down, not cut off.
   kesconvert stereo.wav surround.wav --channels 6 --upmix zero
       Left and right stay where they are, four silent channels follow.
   arecord -t raw -f S16_LE -r 48000 -c 2 | kesconvert - mono.wav --channels 1 --raw 48000:2:s16
@@ -44,8 +46,8 @@ struct Options {
   std::optional<unsigned> channels;
   std::optional<ChannelMask> layout;
   std::optional<int> rate;
-  bool multichannel = false;
-  std::string upmix = "duplicate";
+  std::optional<unsigned> sampleBytes;
+  Wishes wishes;
   std::size_t blockFrames = 4096;
   std::optional<StreamFormat> raw;
 };
@@ -73,7 +75,7 @@ ChannelMask parseLayoutOption(const std::string& text) {
 
 // The exit code, when there is nothing more to do.
 std::optional<int> parseArguments(int argc, char** argv, Options& options) {
-  CLI::App app("Changes the number of channels and the sampling rate of an audio file.", "kesconvert");
+  CLI::App app("Changes the channels, the sampling rate and the sample format of an audio file.", "kesconvert");
   app.footer(kExamples);
   app.set_version_flag("--version", fmt::format("kesconvert {}.{}.{}", KESAUDIO_VERSION_MAJOR, KESAUDIO_VERSION_MINOR,
                                                 KESAUDIO_VERSION_PATCH));
@@ -85,14 +87,21 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
       ->check(CLI::Range(1u, kMaxChannels));
   CLI::Option* const rate =
       app.add_option("--rate", options.rate, "sampling rate of the output in Hz, the input's if not given")
-          ->check(CLI::Range(4000, 768000));
-  app.add_flag("--multichannel", options.multichannel,
+          ->check(CLI::Range(4000, 768000).description("4000 to 768000"));
+  app.add_flag("--multichannel", options.wishes.multichannel,
                "resample stereo too as every other number of channels: by the multichannel resampler")
       ->needs(rate);
   app.add_option_function<std::string>(
       "--layout", [&](const std::string& text) { options.layout = parseLayoutOption(text); },
       "layout of the input: a mask like 0x3F or one of " + layoutNames());
-  app.add_option("--upmix", options.upmix, "what fills new channels, the others in turn or silence")
+  app.add_option_function<std::string>(
+         "--format", [&](const std::string& text) { options.sampleBytes = std::stoul(text.substr(1)) / 8; },
+         "samples of the output, the input's if not given")
+      ->check(CLI::IsMember({"s16", "s24", "s32"}));
+  app.add_flag("--limit", options.wishes.limit,
+               "mix with headroom, and turn down what 16 bits cannot hold instead of clipping it; makes s16");
+  std::string upmix = "duplicate";
+  app.add_option("--upmix", upmix, "what fills new channels, the others in turn or silence")
       ->check(CLI::IsMember({"duplicate", "zero"}));
   app.add_option("--block", options.blockFrames, "frames per call of the library")->check(CLI::Range(1, 1 << 20));
   app.add_option_function<std::string>(
@@ -107,6 +116,9 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
     failUsage("{}; see kesconvert --help", error.what());
   }
   if (options.out == "/dev/stdout") options.out = "-";
+  options.wishes.addSilentChannels = upmix == "zero";
+  if (options.wishes.limit && options.sampleBytes.value_or(2) != 2)
+    failUsage("--limit makes samples of 16 bits; leave --format out, or --limit");
   return std::nullopt;
 }
 
@@ -171,6 +183,8 @@ void checkRawOutput(const StreamFormat& raw, const StreamFormat& in, const Strea
     fail("--raw does not describe the output; give --raw {}:{}:s{}", out.rate, out.channels, out.sampleBytes * 8);
 }
 
+Form formOf(const StreamFormat& format) { return {format.rate, format.channels, integersOf(format.sampleBytes)}; }
+
 void run(const Options& options) {
   checkRaw(options);
   const bool rawIn = isRaw(options, options.in);
@@ -193,18 +207,14 @@ void run(const Options& options) {
   StreamFormat out = in;
   out.channels = options.channels.value_or(rawOut ? options.raw->channels : in.channels);
   out.rate = options.rate.value_or(in.rate);
+  out.sampleBytes = options.wishes.limit ? 2 : options.sampleBytes.value_or(in.sampleBytes);
   if (rawOut && !rawIn) checkRawOutput(*options.raw, in, out);
-  const Mix mix = chooseMix(in, source.layout, out.channels, options.upmix == "zero");
-  const Resampling resampling =
-      chooseResampling(in, std::min(in.channels, out.channels), out.rate, options.multichannel);
-  // As few channels as there are on the way are resampled.
-  std::vector<Step> steps{mix.step, resampling.step};
-  if (out.channels > in.channels) std::swap(steps[0], steps[1]);
-  std::erase_if(steps, [](const Step& step) { return !step.process; });
+  const Form from = formOf(in), to = formOf(out);
+  const Plan plan = makePlan(from, source.layout, to, options.wishes);
 
   OutputFile output(options.out, !rawOut, input);
   const auto outFrames = source.frames ? std::optional(framesAt(*source.frames, in.rate, out.rate)) : std::nullopt;
-  AudioSink sink(output, container, out, mix.layout, outFrames);
+  AudioSink sink(output, container, out, plan.layout, outFrames);
 
   const auto say = [&]<class... Args>(fmt::format_string<const Args&...> text, const Args&... args) {
     printLine(options.out == "-" ? stderr : stdout, fmt::format(text, args...));
@@ -213,26 +223,28 @@ void run(const Options& options) {
       in.channels, source.frames ? fmt::format("{} frames", *source.frames) : "length unknown");
   say("layout: {}, {}", describe(source.layout), source.layoutOrigin);
   if (placed > 0 && placed < in.channels) say("layout: channels from {} on have no position", placed + 1);
-  say("mix:    {}", mix.description);
-  if (resampling.step.process) say("rate:   {}", resampling.description);
-  say("output: {}, {}, {} Hz, {} ch, {}", options.out, sink.container, out.rate, out.channels, describe(mix.layout));
-  if (sink.layoutTold != mix.layout)
+  for (const std::string& description : plan.descriptions) say("{}", description);
+  say("output: {}, {}, {} Hz, {} bits, {} ch, {}", options.out, sink.container, out.rate, out.sampleBytes * 8,
+      out.channels, describe(plan.layout));
+  if (sink.layoutTold != plan.layout)
     say("output: the container cannot tell that layout; readers will take it for {}", describe(sink.layoutTold));
 
   Progress progress(source.frames);
-  const Report report =
-      convert(source, steps, out, sink, options.blockFrames, [&](std::uint64_t frames) { progress.show(frames); });
+  const Report report = convert(source, plan.steps, to, sink, options.blockFrames,
+                                [&](std::uint64_t frames) { progress.show(frames); });
   sink.finish();
   output.commit();
   progress.clear();
 
   const double audio = static_cast<double>(report.outFrames) / out.rate;
   const double time = progress.seconds();
-  const bool canClip = mix.canClip || resampling.step.process;
+  const std::string loss = plan.limited
+                               ? fmt::format("limited by up to {:.2f} dB", limitedDecibels(*plan.limited))
+                               : fmt::format("{} clipped samples", plan.canClip ? report.out.clippedSamples : 0);
   say("done:   {} frames, {} to {} ch, {:.3f} s of audio in {:.3f} s ({:.0f} x real time), peak {:.2f} dBFS in, "
-      "{:.2f} dBFS out, {} clipped samples",
+      "{:.2f} dBFS out, {}",
       report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),
-      report.out.decibels(), canClip ? report.out.clippedSamples : 0);
+      report.out.decibels(), loss);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #ifndef KESAUDIO_KESAUDIO_H
 #define KESAUDIO_KESAUDIO_H
 
+#include <kesaudio/bit_converter.h>
 #include <kesaudio/channel_converter.h>
 #include <kesaudio/channel_entry.h>
 #include <kesaudio/channel_kernels.h>

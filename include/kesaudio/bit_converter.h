@@ -1,0 +1,120 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+/* The bit converter: changes the sample format of a stream, by the platform's shifter library, or brings 8.24 samples
+ * with headroom to 16 bits, by its limiter library.
+ *
+ *   KesAudioBitConverterC converter;
+ *   InitKesAudioBitConverterC(&converter);
+ *   converter.Open(&converter, 48000, 2, KES_CONVERT_LIMITER);
+ *   converter.Process(&converter, src, &inBytes, dst, &outBytes);    block after block
+ *   converter.Close(&converter);
+ *
+ * The record's operations come in an order of their own, Open first.
+ *
+ * The caller owns the record and the sample blocks. The component owns the limiter's two work buffers from Open to
+ * Close (malloc and free), of the sizes that the library asks for; other types need none. Process allocates nothing.
+ * One record is driven by one thread at a time; separate records are independent.
+ *
+ * It logs under the tag "KesAudioBitConverterc": one debug line at each SetParameter and GetParameter, and what Open
+ * could not allocate.
+ */
+#ifndef KESAUDIO_BIT_CONVERTER_H
+#define KESAUDIO_BIT_CONVERTER_H
+
+#include <kesaudio/types.h>
+
+/* What Process does.
+ *
+ *   value          Process                                          SetParameter
+ *   0 .. 11        the shifter library's conversion of that number  takes it
+ *   12, 257        nothing                                          takes it
+ *   256            the limiter                                      takes it
+ *   0xFFFF, other  nothing                                          refuses it (Open stores it)
+ *
+ * On a device the platform's library says what 0 to 11 mean. Ours, elsewhere, has the pairs of the sample formats in
+ * order: KES_CONVERT_S16_TO_S32 and so on.
+ */
+typedef uint32_t ConvertType;
+enum {
+  KES_CONVERT_S16_TO_S32 = 0,
+  KES_CONVERT_S16_TO_Q8_24 = 1,
+  KES_CONVERT_S16_TO_S24 = 2,
+  KES_CONVERT_S32_TO_S16 = 3,
+  KES_CONVERT_S32_TO_Q8_24 = 4,
+  KES_CONVERT_S32_TO_S24 = 5,
+  KES_CONVERT_Q8_24_TO_S16 = 6,
+  KES_CONVERT_Q8_24_TO_S32 = 7,
+  KES_CONVERT_Q8_24_TO_S24 = 8,
+  KES_CONVERT_S24_TO_S16 = 9,
+  KES_CONVERT_S24_TO_S32 = 10,
+  KES_CONVERT_S24_TO_Q8_24 = 11,
+  KES_CONVERT_NOTHING = 12, /* and from here on, but for the limiter */
+  KES_CONVERT_LIMITER = 256,
+  KES_CONVERT_LIMITER_NONE = 257,
+  KES_CONVERT_UNSET = 0xFFFF /* after the initialisation */
+};
+
+/* What the limiter library is told of the stream: four words, 16 bytes, no padding. */
+typedef struct LimiterParam {
+  uint32_t channels;
+  uint32_t sampleRate; /* Hz */
+  uint32_t reserved0;  /* 0 */
+  uint32_t reserved1;  /* 0 */
+} LimiterParam;
+
+/* Parameter IDs of SetParameter, and the member that each writes. */
+enum {
+  KES_BIT_PARAM_CONVERT_TYPE = 0, /* mConvertType: 0 to 12, 256, 257 */
+  KES_BIT_PARAM_SAMPLE_RATE = 2,  /* mSampleRate: any */
+  KES_BIT_PARAM_CHANNELS = 4      /* mChannels: 1 or 2 */
+};
+
+typedef struct KesAudioBitConverterC KesAudioBitConverterC;
+struct KesAudioBitConverterC {
+  /* State 1 to 2: stores the arguments, unchecked, and forgets any earlier limiter. For KES_CONVERT_LIMITER, and
+   * neither number 0, sets the limiter up: asks its library for its buffer sizes, allocates both (none for a size of
+   * 0) and opens it. KES_REFUSED in state 2 (nothing changes) or out of memory: then nothing stays allocated, and the
+   * members hold the arguments. */
+  uint32_t (*Open)(KesAudioBitConverterC* handle, uint32_t sampleRate, uint32_t channels, ConvertType convertType);
+
+  /* Any state: frees both buffers and enters state 1. Always KES_OK. */
+  uint32_t (*Close)(KesAudioBitConverterC* handle);
+
+  /* State 1: stores value into the member of the ID; KES_BAD_PARAMETER, and nothing is stored, for a value out of the
+   * list above or an unknown ID. KES_REFUSED in state 2. Open replaces all three, so what is stored here never
+   * reaches Process. */
+  uint32_t (*SetParameter)(KesAudioBitConverterC* handle, int32_t paramID, uint32_t value);
+
+  /* Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. */
+  uint32_t (*GetParameter)(KesAudioBitConverterC* handle, int32_t paramID, void* value);
+
+  /* Has the limiter forget the stream so far, when Open set one up. Always KES_OK. */
+  uint32_t (*Reset)(KesAudioBitConverterC* handle);
+
+  /* Converts a block.
+   *
+   *   src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
+   *   dst, outBytes   in: capacity of dst. Out: bytes that the library made.
+   *
+   * Types that do nothing leave the buffers and both counts as they were. Returns KES_OK; or KES_REFUSED, and touches
+   * nothing, in state 1, or for KES_CONVERT_LIMITER when Open set no limiter up. Pointers and counts are not checked,
+   * and what the libraries return is not looked at. */
+  uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
+                      uint32_t* outBytes);
+
+  ConvertType mConvertType;
+  uint32_t mChannels;
+  uint32_t mSampleRate;      /* Hz */
+  void* mpTempBuf;           /* the limiter's scratch for every block; null when there is none */
+  void* mpInternalBuf;       /* the limiter's memory of the stream; null when there is none */
+  uint32_t mTempBufSize;     /* bytes, as the limiter asked for when it was last set up */
+  uint32_t mInternalBufSize; /* bytes, likewise */
+  LimiterParam mLimiterParam;
+  void* mpLimiter; /* the limiter's instance; null when Open set none up */
+  ComponentState mState;
+};
+
+/* Fills the operations, sets mConvertType to KES_CONVERT_UNSET, mState to 1 and every other member to 0, whatever the
+ * record held before: it frees nothing. Logs nothing. */
+KESAUDIO_API void InitKesAudioBitConverterC(KesAudioBitConverterC* handle);
+
+#endif

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "steps.h"
+
+#include <kesaudio/kesaudio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "failure.h"
+#include "platform/limiter_lib.h"
+
+namespace kesconvert {
+namespace {
+
+// The layout whose mix to stereo a layout gets; 0 for none.
+ChannelMask stereoMixOf(ChannelMask layout) {
+  constexpr ChannelMask kMixes[] = {KES_LAYOUT_FRONT, KES_LAYOUT_2POINT1, KES_LAYOUT_STEREO_BACK, KES_LAYOUT_QUAD,
+                                    KES_LAYOUT_5POINT1};
+  if (layout == kLayout5Point1Side) return KES_LAYOUT_5POINT1;
+  return std::ranges::find(kMixes, layout) != std::end(kMixes) ? layout : ChannelMask{KES_LAYOUT_NONE};
+}
+
+// A component's record, closed when the last user of it is gone.
+template <class Record>
+std::shared_ptr<Record> makeRecord(void (*init)(Record*)) {
+  const std::shared_ptr<Record> record(new Record, [](Record* old) {
+    old->Close(old);
+    delete old;
+  });
+  init(record.get());
+  return record;
+}
+
+template <class Record, class Process>
+ProcessCall callOf(const std::shared_ptr<Record>& record, Process process) {
+  return [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    process(record.get(), src, inBytes, dst, outBytes);
+  };
+}
+
+ProcessCall channelConverter(unsigned inChannels, unsigned outChannels, PcmFormat format) {
+  const auto record = makeRecord(InitKesAudioChannelConverterInC);
+  record->Open(record.get(), inChannels, outChannels, format);
+  return callOf(record, record->Process);
+}
+
+ProcessCall bitConverter(const Form& in, ConvertType type) {
+  const auto record = makeRecord(InitKesAudioBitConverterC);
+  if (record->Open(record.get(), static_cast<std::uint32_t>(in.rate), in.channels, type) != KES_OK)
+    fail("out of memory; close other programs");
+  return callOf(record, record->Process);
+}
+
+const char* nameOf(PcmFormat samples) {
+  switch (samples) {
+    case KES_PCM_S16: return "16-bit";
+    case KES_PCM_S24_PACKED: return "24-bit";
+    case KES_PCM_Q8_24: return "8.24";
+    default: return "32-bit";
+  }
+}
+
+}  // namespace
+
+std::uint64_t Form::frameBytes() const { return std::uint64_t{channels} * bytesOf(samples); }
+
+unsigned bytesOf(PcmFormat samples) { return samples == KES_PCM_S16 ? 2 : samples == KES_PCM_S24_PACKED ? 3 : 4; }
+
+PcmFormat integersOf(unsigned sampleBytes) {
+  return sampleBytes == 2 ? KES_PCM_S16 : sampleBytes == 3 ? KES_PCM_S24_PACKED : KES_PCM_S32;
+}
+
+std::uint64_t framesAt(std::uint64_t frames, int inRate, int outRate) {
+  const auto in = static_cast<std::uint64_t>(inRate), out = static_cast<std::uint64_t>(outRate);
+  return frames / in * out + (frames % in * out + in - 1) / in;
+}
+
+Mix mixTo(unsigned outChannels, const Form& in, ChannelMask layout, bool addSilentChannels) {
+  const unsigned inChannels = in.channels;
+  const PcmFormat pcm = in.samples;
+  Mix mix{{nullptr, in, {in.rate, outChannels, pcm}, ""}, standardLayout(outChannels)};
+  std::string& description = mix.step.description;
+  const ChannelMask named = stereoMixOf(layout);
+  if (inChannels == outChannels) {
+    description = "none, the channels are copied as they are";
+    mix.layout = layout;
+  } else if (inChannels < outChannels && addSilentChannels) {
+    description = "silent channels are added, by channel_UpMix_WithZero";
+    mix.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+      Audio_Channel_Upmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, 1);
+    };
+  } else if (outChannels == 2 && inChannels > 2 && named != KES_LAYOUT_NONE) {
+    mix.canClip = true;
+    description = describe(named) + " to stereo, by channel_DownMix_To_Stereo";
+    if (named != layout) description += "; the side channels are mixed as back channels";
+    if (positions(named) < inChannels)
+      description += fmt::format("; channels from {} on are left out", positions(named) + 1);
+    mix.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+      Audio_Channel_Downmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, named);
+    };
+  } else {
+    mix.step.process = channelConverter(inChannels, outChannels, pcm);
+    if (inChannels < outChannels) {
+      description = "the channels are repeated in turn, by channel_UpMix_Duplicate";
+    } else if (outChannels == 1) {
+      description = "average of all channels, by channel_DownMix_Fold_Mono_Average";
+    } else if (outChannels == 2) {
+      description = "pairwise average, since the layout has no mix of its own, by channel_DownMix_To_Stereo";
+    } else {
+      description = fmt::format("the first {} channels are kept, by channel_DownMix_Strip", outChannels);
+      mix.layout = firstPositions(layout, outChannels);
+    }
+  }
+  return mix;
+}
+
+Step resampleTo(int rate, const Form& in, bool multichannel) {
+  const auto record = makeRecord(InitKesAudioSrcInC);
+  const bool plain = in.channels == 2 && !multichannel;
+  const ResamplerFormat format = in.samples == KES_PCM_S16     ? KES_RESAMPLER_S16
+                                 : in.samples == KES_PCM_Q8_24 ? KES_RESAMPLER_Q8_24
+                                                               : KES_RESAMPLER_S32;
+  const auto open = plain ? record->Open : record->MultiChannel_Open;
+  const ProcessCall process = callOf(record, plain ? record->Process : record->MultiChannel_Process);
+  if (open(record.get(), static_cast<std::uint32_t>(in.rate), in.channels, static_cast<std::uint32_t>(rate),
+           in.channels, format) != KES_OK)
+    fail("cannot resample an input of {} Hz; leave --rate out, or give one of 4000 to 768000 Hz", in.rate);
+  // An empty first block, since the first one is made as long as its input by silence before it: a delay here.
+  std::uint32_t noInput = 0, noOutput = 0;
+  process(nullptr, &noInput, nullptr, &noOutput);
+  return {process,
+          in,
+          {rate, in.channels, in.samples},
+          fmt::format("{} to {} Hz, {} ch, by the {} resampler", in.rate, rate, in.channels,
+                      plain ? "plain" : "multichannel")};
+}
+
+Step shiftTo(PcmFormat samples, const Form& in) {
+  // Types go through the formats in this order: for each, the three others.
+  constexpr PcmFormat kOrder[] = {KES_PCM_S16, KES_PCM_S32, KES_PCM_Q8_24, KES_PCM_S24_PACKED};
+  const auto place = [&](PcmFormat format) {
+    return static_cast<ConvertType>(std::ranges::find(kOrder, format) - kOrder);
+  };
+  const ConvertType from = place(in.samples), to = place(samples);
+  return {bitConverter(in, 3 * from + to - (to > from)),
+          in,
+          {in.rate, in.channels, samples},
+          fmt::format("{} to {}, by the bit converter", nameOf(in.samples), nameOf(samples))};
+}
+
+Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest) {
+  const ProcessCall process = bitConverter(in, KES_CONVERT_LIMITER);
+  return {[=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+            const std::uint32_t offered = *inBytes;
+            process(src, inBytes, dst, outBytes);
+            std::vector<std::int32_t> samples((offered - *inBytes) / 4);
+            std::memcpy(samples.data(), src, samples.size() * 4);
+            for (const std::int32_t sample : samples)
+              *highest = std::max(*highest, static_cast<std::uint32_t>(std::abs(std::int64_t{sample})));
+          },
+          in,
+          {in.rate, in.channels, KES_PCM_S16},
+          "8.24 to 16-bit, by the bit converter's limiter",
+          LIMITER_DELAY_FRAMES(static_cast<unsigned>(in.rate))};
+}
+
+double limitedDecibels(std::uint32_t highest) {
+  constexpr double kThreshold = 32767 << 9;  // the greatest sample of 16 bits
+  return std::max(0.0, 20 * std::log10(highest / kThreshold));
+}
+
+}  // namespace kesconvert
