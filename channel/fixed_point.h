@@ -20,7 +20,16 @@ inline constexpr int kMixGainShift = 15;
 constexpr std::int64_t scaled(std::int32_t x, int shift) { return std::int64_t{x} * kMixGainQ15 >> shift; }
 
 // The mix gain g of every format. Only a 32-bit sample can leave 32 bits, and saturates.
-constexpr std::int32_t mixGain(std::int32_t x) { return clampTo<S32>(scaled(x, kMixGainShift)); }
+template <class Pcm>
+constexpr std::int32_t mixGain(std::int32_t x) {
+  return clampTo<S32>(scaled(x, kMixGainShift));
+}
+
+// The exact sum, clamped to the sample range of Pcm.
+template <class Pcm, class... Terms>
+constexpr std::int32_t clampedSum(std::int32_t first, Terms... terms) {
+  return clampTo<Pcm>((std::int64_t{first} + ... + terms));
+}
 
 // Adds to a frame's sum in its own width. Frames of very many channels can leave it, 24-bit folds of 182 the first,
 // and wrap: defined, if meaningless.

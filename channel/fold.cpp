@@ -9,8 +9,7 @@
 #include <bit>
 #include <type_traits>
 
-#include "channel/fixed_point.h"
-#include "channel/frames.h"
+#include "channel/blocks.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
@@ -23,12 +22,49 @@ int termShift(int32_t srcChannels) {
   return kMixGainShift + 1 + static_cast<int>(std::bit_width(static_cast<uint32_t>(srcChannels) - 1));
 }
 
-template <class Pcm, class Channels>
-int32_t foldedFrame(const Byte* in, Channels channels, int shift) {
+template <class Pcm>
+int32_t foldedFrame(const Byte* in, int32_t channels, int shift) {
   typename Pcm::Sum sum = 0;
   for (int32_t c = 0; c < channels; ++c) sum = addWrapping(sum, scaled(Pcm::load(in + frameBytes<Pcm>(c)), shift));
   if constexpr (std::is_same_v<Pcm, S32>) return static_cast<int32_t>(sum);  // a clamp would change nothing
   return clampTo<Pcm>(sum);
+}
+
+template <class Pcm, int32_t kChannels>
+Words foldedLanes(const Words (&s)[kChannels]) {
+  Words sum = {};
+  unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
+    if constexpr (std::is_same_v<Pcm, S32>)
+      sum += scaledLanes(s[c]).by16 >> std::bit_width(static_cast<uint32_t>(kChannels) - 1);
+    else
+      sum += mixGain<Pcm>(s[c]);
+  });
+  return std::is_same_v<Pcm, S32> ? sum : clampedLanes<Pcm>(sum);
+}
+
+// Writes kLanes frames of so many channels, each with its frame's value.
+template <class Pcm, int32_t kChannels>
+void spread(Byte* dst, const Words& value) {
+  const Words from[1] = {value};
+  Words stream[kChannels];
+  rearrange<kChannels>(from, stream, [](int e) { return e / kChannels; });
+  storeStream<Pcm>(dst, stream);
+}
+
+template <class Pcm>
+constexpr void (*kSpreads[])(Byte*, const Words&) = {  // by channels - 1
+    spread<Pcm, 1>, spread<Pcm, 2>, spread<Pcm, 3>, spread<Pcm, 4>,
+    spread<Pcm, 5>, spread<Pcm, 6>, spread<Pcm, 7>, spread<Pcm, 8>};
+
+template <class Pcm, int32_t kChannels>
+void foldSteps(Byte* dst, int32_t dstChannels, const Byte* src, int32_t frames) {
+  const auto spreadValue = kSpreads<Pcm>[dstChannels - 1];
+  stepsForwards<kChannels * Pcm::kBytes, 8 * Pcm::kBytes>(dst, frameBytes<Pcm>(dstChannels), src, frames,
+                                                          [=](Byte* out, const Byte* in) {
+                                                            Words s[kChannels];
+                                                            loadChannels<Pcm>(in, s);
+                                                            spreadValue(out, foldedLanes<Pcm>(s));
+                                                          });
 }
 
 }  // namespace
@@ -39,11 +75,17 @@ void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* s
   withPcm(format, [&](auto pcm) {
     using Pcm = decltype(pcm);
     withChannels(srcChannels, [&](auto channels) {
+      const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
+      const auto out = static_cast<Byte*>(dst);
+      const auto in = static_cast<const Byte*>(src);
+      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>) {
+        if (dstChannels <= 8) return foldSteps<Pcm, channels>(out, dstChannels, in, frames);
+      }
       const int shift = termShift<Pcm>(srcChannels);
-      forwards(static_cast<Byte*>(dst), frameBytes<Pcm>(dstChannels), static_cast<const Byte*>(src),
-               frameBytes<Pcm>(srcChannels), frameCount<Pcm>(byteCount, srcChannels), [=](Byte* out, const Byte* in) {
-                 const int32_t value = foldedFrame<Pcm>(in, channels, shift);
-                 for (int32_t c = 0; c < dstChannels; ++c) Pcm::store(out + frameBytes<Pcm>(c), value);
+      forwards(out, frameBytes<Pcm>(dstChannels), in, frameBytes<Pcm>(channels), frames,
+               [=](Byte* outFrame, const Byte* inFrame) {
+                 const int32_t value = foldedFrame<Pcm>(inFrame, channels, shift);
+                 for (int32_t c = 0; c < dstChannels; ++c) Pcm::store(outFrame + frameBytes<Pcm>(c), value);
                });
     });
   });

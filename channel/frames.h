@@ -40,6 +40,23 @@ void withChannels(std::int32_t channels, Body body) {
   }
 }
 
+// Whether a count came as a constant.
+template <class Channels>
+inline constexpr bool kIsConstant = !std::is_same_v<Channels, std::int32_t>;
+
+// The same with two counts, both constants or both numbers.
+template <class Body>
+void withTwoCounts(std::int32_t first, std::int32_t second, Body body) {
+  withChannels(second <= 8 ? first : 0, [&](auto one) {
+    if constexpr (kIsConstant<decltype(one)>)
+      withChannels(second, [&](auto other) {
+        if constexpr (kIsConstant<decltype(other)>) body(one, other);
+      });
+    else
+      body(first, second);
+  });
+}
+
 // Calls convert(outputFrame, inputFrame) for each frame, first to last: right for output frames no longer than the
 // input's, in place too.
 template <class Convert>

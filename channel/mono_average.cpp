@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Mono average: (s0 + s1 + ... ) / srcChannels, rounded towards zero: a division, since a shift would round down.
-#include "channel/fixed_point.h"
-#include "channel/frames.h"
+#include "channel/blocks.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
 
 namespace {
 
-template <class Pcm, class Channels>
-int32_t averagedFrame(const Byte* in, Channels channels) {
+template <class Pcm>
+int32_t averagedFrame(const Byte* in, int32_t channels) {
   typename Pcm::Sum sum = 0;
   for (int32_t c = 0; c < channels; ++c) sum = addWrapping(sum, Pcm::load(in + frameBytes<Pcm>(c)));
   return clampTo<Pcm>(sum / channels);
@@ -22,9 +21,21 @@ void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const
   withPcm(format, [&](auto pcm) {
     using Pcm = decltype(pcm);
     withChannels(srcChannels, [&](auto channels) {
-      forwards(static_cast<Byte*>(dst), frameBytes<Pcm>(1), static_cast<const Byte*>(src),
-               frameBytes<Pcm>(srcChannels), frameCount<Pcm>(byteCount, srcChannels),
-               [=](Byte* out, const Byte* in) { Pcm::store(out, averagedFrame<Pcm>(in, channels)); });
+      const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
+      const auto out = static_cast<Byte*>(dst);
+      const auto in = static_cast<const Byte*>(src);
+      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+        stepsForwards<channels * Pcm::kBytes, Pcm::kBytes>(
+            out, Pcm::kBytes, in, frames, [](Byte* outFrames, const Byte* inFrames) {
+              Words s[decltype(channels)::value];
+              loadChannels<Pcm>(inFrames, s);
+              storeLanes<Pcm>(outFrames, averagedLanes<Pcm, decltype(channels)::value>(s));
+            });
+      else
+        forwards(out, frameBytes<Pcm>(1), in, frameBytes<Pcm>(channels), frames,
+                 [=](Byte* outFrame, const Byte* inFrame) {
+                   Pcm::store(outFrame, averagedFrame<Pcm>(inFrame, channels));
+                 });
     });
   });
 }

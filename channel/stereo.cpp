@@ -8,61 +8,67 @@
 //   pairwise n channels                     (s0 + s2 + ...) / n      (s1 + s3 + ...) / n
 #include <type_traits>
 
-#include "channel/fixed_point.h"
-#include "channel/frames.h"
+#include "channel/blocks.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
 
 namespace {
 
+// A frame of results, or a vector of each side's.
+template <class Value>
 struct Stereo {
-  int32_t left, right;
+  Value left, right;
 };
 
-// Reads the sample of channel c of a frame.
-template <class Pcm>
-int32_t at(const Byte* in, int32_t c) {
-  return Pcm::load(in + frameBytes<Pcm>(c));
-}
+// The mixes of a frame s, or of vectors of its channels.
 
 struct Front3 {
   static constexpr int32_t kChannels = 3;
-  template <class Pcm>
-  static Stereo mix(const Byte* in) {
-    const int64_t third = mixGain(at<Pcm>(in, 2));
-    return {clampTo<Pcm>(at<Pcm>(in, 0) + third), clampTo<Pcm>(at<Pcm>(in, 1) + third)};
+  template <class Pcm, class Value>
+  static Stereo<Value> mix(const Value* s) {
+    const Value third = mixGain<Pcm>(s[2]);
+    return {clampedSum<Pcm>(s[0], third), clampedSum<Pcm>(s[1], third)};
   }
 };
 
 struct Quad {
   static constexpr int32_t kChannels = 4;
-  template <class Pcm>
-  static Stereo mix(const Byte* in) {
-    const int64_t backLeft = mixGain(at<Pcm>(in, 2)), backRight = mixGain(at<Pcm>(in, 3));
-    return {clampTo<Pcm>(at<Pcm>(in, 0) + backLeft), clampTo<Pcm>(at<Pcm>(in, 1) + backRight)};
+  template <class Pcm, class Value>
+  static Stereo<Value> mix(const Value* s) {
+    return {clampedSum<Pcm>(s[0], mixGain<Pcm>(s[2])), clampedSum<Pcm>(s[1], mixGain<Pcm>(s[3]))};
   }
 };
 
 struct Mix5_1 {
   static constexpr int32_t kChannels = 6;
-  template <class Pcm>
-  static Stereo mix(const Byte* in) {
-    // The sum of centre and LFE is an intermediate sample: 16 bits wide among 16-bit samples, else 32.
-    using Centre = std::conditional_t<std::is_same_v<Pcm, S16>, S16, S32>;
-    const int32_t centre = clampTo<Centre>(int64_t{at<Pcm>(in, 2)} + mixGain(at<Pcm>(in, 3)));
-    const int64_t front = mixGain(centre);
-    return {clampTo<Pcm>(at<Pcm>(in, 0) + front + mixGain(at<Pcm>(in, 4))),
-            clampTo<Pcm>(at<Pcm>(in, 1) + front + mixGain(at<Pcm>(in, 5)))};
+  template <class Pcm, class Value>
+  static Stereo<Value> mix(const Value* s) {
+    const Value front = mixGain<Pcm>(centre<Pcm>(s[2], mixGain<Pcm>(s[3])));
+    return {clampedSum<Pcm>(s[0], front, mixGain<Pcm>(s[4])), clampedSum<Pcm>(s[1], front, mixGain<Pcm>(s[5]))};
+  }
+  // An intermediate sample: 16 bits wide among 16-bit samples, else 32, which 24-bit ones cannot leave.
+  template <class Pcm, class Value>
+  static Value centre(Value front, Value lfe) {
+    if constexpr (std::is_same_v<Pcm, P24>) return front + lfe;
+    return clampedSum<Pcm>(front, lfe);
   }
 };
 
-template <class Pcm, class Channels>
-Stereo pairwiseAverage(const Byte* in, Channels channels) {
+template <class Pcm>
+Stereo<int32_t> pairwiseAverage(const Byte* in, int32_t channels) {
   typename Pcm::Sum left = 0, right = 0;
-  for (int32_t c = 0; c < channels; c += 2) left = addWrapping(left, at<Pcm>(in, c));
-  for (int32_t c = 1; c < channels; c += 2) right = addWrapping(right, at<Pcm>(in, c));
+  for (int32_t c = 0; c < channels; c += 2) left = addWrapping(left, Pcm::load(in + frameBytes<Pcm>(c)));
+  for (int32_t c = 1; c < channels; c += 2) right = addWrapping(right, Pcm::load(in + frameBytes<Pcm>(c)));
   return {clampTo<Pcm>(left / channels), clampTo<Pcm>(right / channels)};
+}
+
+template <class Pcm, int32_t kChannels>
+Stereo<Words> pairwiseAverage(const Words (&s)[kChannels]) {
+  constexpr int32_t kLeft = (kChannels + 1) / 2, kRight = kChannels / 2;
+  Words left[kLeft], right[kRight + 1] = {};
+  unrolled<kChannels>([&](auto c) __attribute__((always_inline)) { (c % 2 == 0 ? left : right)[c / 2] = s[c]; });
+  return {averagedLanes<Pcm, kChannels>(left), averagedLanes<Pcm, kChannels>(right)};
 }
 
 // The two blocks of a call.
@@ -74,14 +80,27 @@ struct Blocks {
   int32_t byteCount;
 };
 
-// Runs mixFrame(input frame) -> Stereo over the block and writes dstChannels samples a frame, silent from the third
-// on.
+// Runs mixLanes(channels) -> Stereo over a block of kChannels a frame.
+template <class Pcm, int32_t kChannels, class MixLanes>
+void mixSteps(const Blocks& blocks, MixLanes mixLanes) {
+  stepsForwards<kChannels * Pcm::kBytes, 2 * Pcm::kBytes>(blocks.dst, 2 * Pcm::kBytes, blocks.src,
+                                                          frameCount<Pcm>(blocks.byteCount, kChannels),
+                                                          [=](Byte* out, const Byte* in) {
+                                                            Words channels[kChannels];
+                                                            loadChannels<Pcm>(in, channels);
+                                                            const Stereo<Words> stereo = mixLanes(channels);
+                                                            storeStereo<Pcm>(out, stereo.left, stereo.right);
+                                                          });
+}
+
+// Runs mixFrame(input frame) -> Stereo over a block of any count, and writes dstChannels samples a frame, silent from
+// the third on.
 template <class Pcm, class MixFrame>
 void mixFrames(const Blocks& blocks, int32_t dstChannels, MixFrame mixFrame) {
   if (dstChannels <= 0) return;
   forwards(blocks.dst, frameBytes<Pcm>(dstChannels), blocks.src, frameBytes<Pcm>(blocks.srcChannels),
            frameCount<Pcm>(blocks.byteCount, blocks.srcChannels), [=](Byte* out, const Byte* in) {
-             const Stereo stereo = mixFrame(in);
+             const Stereo<int32_t> stereo = mixFrame(in);
              Pcm::store(out, stereo.left);
              if (dstChannels > 1) Pcm::store(out + frameBytes<Pcm>(1), stereo.right);
              for (int32_t c = 2; c < dstChannels; ++c) Pcm::store(out + frameBytes<Pcm>(c), 0);
@@ -91,7 +110,10 @@ void mixFrames(const Blocks& blocks, int32_t dstChannels, MixFrame mixFrame) {
 template <class Pcm>
 void mixPairwise(const Blocks& blocks) {
   withChannels(blocks.srcChannels, [&](auto channels) {
-    mixFrames<Pcm>(blocks, 2, [=](const Byte* in) { return pairwiseAverage<Pcm>(in, channels); });
+    if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+      mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return pairwiseAverage<Pcm>(lanes); });
+    else
+      mixFrames<Pcm>(blocks, 2, [=](const Byte* in) { return pairwiseAverage<Pcm>(in, channels); });
   });
 }
 
@@ -102,7 +124,18 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     if (blocks.srcChannels < Mix::kChannels) return mixPairwise<Pcm>(blocks);
     // Packed 24-bit frames are as wide as the caller says; the others are stereo whatever it says.
     const int32_t dstChannels = std::is_same_v<Pcm, P24> ? blocks.dstChannels : 2;
-    mixFrames<Pcm>(blocks, dstChannels, [](const Byte* in) { return Mix::template mix<Pcm>(in); });
+    withChannels(dstChannels == 2 ? blocks.srcChannels : 0, [&](auto channels) {
+      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>) {
+        if constexpr (channels >= Mix::kChannels)
+          mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return Mix::template mix<Pcm, Words>(lanes); });
+      } else {
+        mixFrames<Pcm>(blocks, dstChannels, [](const Byte* in) {
+          int32_t samples[Mix::kChannels];
+          for (int32_t c = 0; c < Mix::kChannels; ++c) samples[c] = Pcm::load(in + frameBytes<Pcm>(c));
+          return Mix::template mix<Pcm, int32_t>(samples);
+        });
+      }
+    });
   });
 }
 

@@ -8,30 +8,40 @@
 // read before it is overwritten when dst is src or begins anywhere after it in one buffer.
 #include <cstring>
 
-#include "channel/frames.h"
+#include "channel/blocks.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
 
 namespace {
 
-// Converts the block with convertFrame(out, in, input bytes, output bytes of a frame), but for an output of 2^31
-// bytes or more: callers account in 32 bits, so theirs would be a smaller buffer than that.
-template <class ConvertFrame>
+// Moves the channels of a block in steps of move(format, from, to, out, in), or frame by frame, with
+// convertFrame(out, in, input bytes, output bytes of a frame), where a count is above 8 or no channel is added. Not
+// for an output of 2^31 bytes or more: callers account in 32 bits, so theirs would be a smaller buffer than that.
+template <class Move, class ConvertFrame>
 void upmix(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels, int32_t byteCount, PcmFormat format,
-           ConvertFrame convertFrame) {
+           Move move, ConvertFrame convertFrame) {
   if (dstChannels <= 0) return;
   withPcm(format, [&](auto pcm) {
     using Pcm = decltype(pcm);
     const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
-    const std::ptrdiff_t dstBytes = frameBytes<Pcm>(dstChannels);
+    const std::ptrdiff_t dstBytes = frameBytes<Pcm>(dstChannels), srcBytes = frameBytes<Pcm>(srcChannels);
     if (frames > INT32_MAX / dstBytes) return;
-    withChannels(srcChannels, [&](auto channels) {
-      const std::ptrdiff_t srcBytes = frameBytes<Pcm>(channels);
-      backwards(static_cast<Byte*>(dst), dstBytes, static_cast<const Byte*>(src), srcBytes, frames,
-                [=](Byte* out, const Byte* in) {
-                  convertFrame(out, in, static_cast<std::size_t>(srcBytes), static_cast<std::size_t>(dstBytes));
-                });
+    const auto out = static_cast<Byte*>(dst);
+    const auto in = static_cast<const Byte*>(src);
+    const auto byFrames = [=] {
+      backwards(out, dstBytes, in, srcBytes, frames, [=](Byte* outFrame, const Byte* inFrame) {
+        convertFrame(outFrame, inFrame, static_cast<std::size_t>(srcBytes), static_cast<std::size_t>(dstBytes));
+      });
+    };
+    withTwoCounts(srcChannels, dstChannels, [&](auto from, auto to) {
+      if constexpr (kIsConstant<decltype(from)> && kHasLanes<Pcm>) {
+        if constexpr (from < to)
+          return stepsBackwards<from * Pcm::kBytes, to * Pcm::kBytes>(
+              out, dstBytes, in, frames,
+              [=](Byte* outFrames, const Byte* inFrames) { move(pcm, from, to, outFrames, inFrames); });
+      }
+      byFrames();
     });
   });
 }
@@ -41,22 +51,31 @@ void upmix(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
 void channel_UpMix_WithZero(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels, int32_t byteCount,
                             PcmFormat format) {
   if (dstChannels < srcChannels) return;
-  upmix(dst, dstChannels, src, srcChannels, byteCount, format,
-        [](Byte* out, const Byte* in, std::size_t srcBytes, std::size_t dstBytes) {
-          // The silence lies behind the input frame's own bytes wherever dst may begin, so it can come first.
-          std::memset(out + srcBytes, 0, dstBytes - srcBytes);
-          std::memmove(out, in, srcBytes);
-        });
+  upmix(
+      dst, dstChannels, src, srcChannels, byteCount, format,
+      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) {
+        moveChannels<decltype(pcm), from, to>(
+            out, in, [](int c) { return c < decltype(from)::value ? c : decltype(from)::value; });
+      },
+      [](Byte* out, const Byte* in, std::size_t srcBytes, std::size_t dstBytes) {
+        // The silence lies behind the input frame's own bytes wherever dst may begin, so it can come first.
+        std::memset(out + srcBytes, 0, dstBytes - srcBytes);
+        std::memmove(out, in, srcBytes);
+      });
 }
 
 void channel_UpMix_Duplicate(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels, int32_t byteCount,
                              PcmFormat format) {
-  upmix(dst, dstChannels, src, srcChannels, byteCount, format,
-        [](Byte* out, const Byte* in, std::size_t srcBytes, std::size_t dstBytes) {
-          // One copy of the input frame, then copies of that: the input may be gone after the first.
-          const std::size_t first = srcBytes < dstBytes ? srcBytes : dstBytes;
-          std::memmove(out, in, first);
-          for (std::size_t done = first; done < dstBytes; done += first)
-            std::memcpy(out + done, out, dstBytes - done < first ? dstBytes - done : first);
-        });
+  upmix(
+      dst, dstChannels, src, srcChannels, byteCount, format,
+      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) {
+        moveChannels<decltype(pcm), from, to>(out, in, [](int c) { return c % decltype(from)::value; });
+      },
+      [](Byte* out, const Byte* in, std::size_t srcBytes, std::size_t dstBytes) {
+        // One copy of the input frame, then copies of that: the input may be gone after the first.
+        const std::size_t first = srcBytes < dstBytes ? srcBytes : dstBytes;
+        std::memmove(out, in, first);
+        for (std::size_t done = first; done < dstBytes; done += first)
+          std::memcpy(out + done, out, dstBytes - done < first ? dstBytes - done : first);
+      });
 }

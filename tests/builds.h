@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The builds of a host library: the one for every machine first, then those for newer levels of x86-64 that this
-// machine can run. Each is loaded by its path, so that none is left out.
+// The builds of a host library: the one for every machine first, then those for newer levels of x86-64, if they were
+// built and this machine can run them. Each is loaded by its path, so that none is left out.
 #pragma once
 
 #include <dlfcn.h>
@@ -28,8 +28,12 @@ inline std::vector<Build> buildsOf(const std::string& name) {
   const std::string folder = HOST_LIBRARIES, file = "/lib" + name + ".so";
   std::vector<Build> builds{Build(folder + file)};
 #ifdef __x86_64__
-  if (__builtin_cpu_supports("avx2")) builds.emplace_back(folder + "/glibc-hwcaps/x86-64-v3" + file);
-  if (__builtin_cpu_supports("avx512vl")) builds.emplace_back(folder + "/glibc-hwcaps/x86-64-v4" + file);
+  const auto add = [&](const std::string& level, bool runs) {
+    const std::string path = folder + "/glibc-hwcaps/" + level + file;
+    if (runs && std::string(HOST_LEVELS).find(level) != std::string::npos) builds.emplace_back(path);
+  };
+  add("x86-64-v3", __builtin_cpu_supports("avx2"));
+  add("x86-64-v4", __builtin_cpu_supports("avx512vl"));
 #endif
   return builds;
 }
