@@ -69,7 +69,7 @@ uint32_t BitConvertionSetParameter(Record* handle, int32_t paramID, uint32_t val
   if (handle->mState == KES_STATE_OPEN) return KES_REFUSED;
   switch (paramID) {
     case KES_BIT_PARAM_CONVERT_TYPE:
-      if (value > KES_CONVERT_NOTHING && value != KES_CONVERT_LIMITER && value != KES_CONVERT_LIMITER_NONE)
+      if (value > KES_CONVERT_NOTHING && value != KES_CONVERT_LIMITER && value != KES_CONVERT_RESERVED)
         return KES_BAD_PARAMETER;
       handle->mConvertType = value;
       return KES_OK;

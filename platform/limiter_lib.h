@@ -6,7 +6,7 @@
  *
  *   channels   1 or 2; both are turned down together, so that the image stays
  *   rates      any but 0
- *   threshold  32767 of 32768: what 16 bits hold passes as it is, rounded to the nearest, ties to even
+ *   threshold  -32768 to 32767 of 16 bits: what lies within passes as it is, rounded to the nearest, ties to even
  *   delay      1.5 ms (LIMITER_DELAY_FRAMES), by which it sees peaks coming; silence comes out first
  *   attack     the delay: the gain goes down to what a peak needs along a straight line
  *   release    80 ms to go up by 63 % of what is missing
@@ -18,7 +18,10 @@
 
 #include <kesaudio/bit_converter.h>
 
-/* The delay in frames: 1.5 ms of up to 192 kHz, and no more than at 192 kHz above. */
+/* The highest sample of 16 bits, in 8.24. */
+#define LIMITER_THRESHOLD (32767 << 9)
+
+/* The delay in frames: 1.5 ms, rounded down, and above 192 kHz no more than there. */
 #define LIMITER_DELAY_FRAMES(sampleRate) ((sampleRate) < 192000 ? (sampleRate) * 3 / 2000 : 288)
 
 enum { LIMITER_OK = 0, LIMITER_BAD_TYPE = -1, LIMITER_BAD_STREAM = -2 };

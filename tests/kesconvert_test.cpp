@@ -237,9 +237,17 @@ TEST_F(Kesconvert, ChangesTheSampleFormatAndLimits) {
   ASSERT_EQ(run("$K quiet.wav mixed.wav --channels 2"), 0) << err_;
   const std::vector<int> mixed = read("mixed.wav", quietInfo);
   ASSERT_EQ(info.frames, kFrames);
+  // The limiter's delay is taken off at every rate.
+  ASSERT_EQ(run("$K quiet.wav a.wav --channels 2 --rate 44100 --limit && "
+                "$K quiet.wav b.wav --channels 2 --rate 44100 --format s16"),
+            0)
+      << err_;
+  const std::vector<int> late = read("a.wav", info), inTime = read("b.wav", info);
+  ASSERT_EQ(late.size(), inTime.size());
+  for (std::size_t i = 0; i < late.size(); ++i) ASSERT_NEAR(late[i] / 65536.0, inTime[i] / 65536.0, 1) << i;
   double worst = 0;
   for (std::size_t i = 0; i < mixed.size(); ++i) {
-    EXPECT_LE(std::abs(limited[i] / 65536.0), std::min(std::abs(mixed[i] / 4096.0) + 1, 32767.0)) << i;
+    EXPECT_LE(std::abs(limited[i] / 65536.0), std::min(std::abs(mixed[i] / 4096.0) + 1, 32768.0)) << i;
     worst = std::max(worst, std::abs(mixed[i] / 0x1p27));
   }
   EXPECT_NEAR(limitedBy, 20 * std::log10(worst), 0.01);
@@ -267,7 +275,7 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "do :; done; "
       "kill $! && ! wait $! && ! ls .kesconvert-* && ! ls stopped.wav",
       R"(printf '\000\100\000\200\377\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
-      "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 clipped' says",
+      "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 samples clipped' says",
       "$K two.flac a.wav --rate 44100 && $K two.flac b.wav --rate 44100 --multichannel --block 7 && cmp a.wav b.wav",
       "$K six.wav a.wav --rate 44100 --channels 2 && $K six.wav b.wav --channels 2 && $K b.wav c.wav --rate 44100 && "
       "cmp a.wav c.wav",
@@ -275,6 +283,13 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "$K c.wav b.wav --format s24 && cmp a.wav b.wav",
       "$K six.bin a.bin --raw 48000:6:s24 --rate 44100 && { cat six.bin; head -c 180000 /dev/zero; } | "
       "$K - - --raw 48000:6:s24 --rate 44100 | head -c $(stat -c %s a.bin) | cmp - a.bin",
+      "$K two.flac a.wav --rate 44100 --format s24 && $K two.flac b.wav --format s24 && $K b.wav c.wav --rate 44100 "
+      "&& "
+      "cmp a.wav c.wav",
+      R"(printf '\\000\\100\\000\\200\\377\\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 --rate 96000 2>says >mix && )"
+      "grep '[1-9][0-9]* samples clipped' says && $K two.flac a.wav | grep 'nothing clipped' && $K six.wav a.wav "
+      "--limit "
+      "--channels 1 | grep 'nothing to limit'",
       "$K two.flac a.wav --rate 44100 --channels 6 && $K two.flac b.wav --rate 44100 && $K b.wav c.wav --channels 6 "
       "&& "
       "cmp a.wav c.wav",

@@ -29,7 +29,9 @@ using Next = std::function<void(Block)>;
 // A step at work: takes blocks of its input, and hands those of its output on.
 class Worker {
  public:
-  Worker(const Step& step, std::size_t blockFrames, Next next) : process_(step.process), next_(std::move(next)) {
+  // Adds to clippedSamples those at a limit of their range, if the step can clip.
+  Worker(const Step& step, std::size_t blockFrames, Next next, std::uint64_t& clippedSamples)
+      : step_(step), next_(std::move(next)), clippedSamples_(clippedSamples) {
     const std::uint64_t fitting = framesAt(blockFrames, step.out.rate, step.in.rate);
     const std::uint64_t frames = std::min<std::uint64_t>(blockFrames, fitting);
     offeredBytes_ = frames * step.in.frameBytes();
@@ -40,17 +42,30 @@ class Worker {
     while (!in.empty()) {
       const std::size_t offered = std::min(in.size(), offeredBytes_);
       auto left = static_cast<std::uint32_t>(offered), made = static_cast<std::uint32_t>(out_.size());
-      process_(in.data(), &left, out_.data(), &made);
+      step_.process(in.data(), &left, out_.data(), &made);
       in = in.subspan(offered - left);
-      next_(Block(out_).first(made));
+      const Block done = Block(out_).first(made);
+      if (step_.canClip) countLimits(done);
+      next_(done);
     }
   }
 
  private:
-  ProcessCall process_;
+  void countLimits(Block block) {
+    const unsigned bytes = bytesOf(step_.out.samples);
+    const auto highest = static_cast<std::int32_t>(INT32_MAX & ~0u << (32 - 8 * bytes));
+    words_.resize(block.size() / bytes);
+    unpack(block.data(), bytes, words_);
+    clippedSamples_ +=
+        static_cast<std::uint64_t>(std::ranges::count(words_, highest) + std::ranges::count(words_, INT32_MIN));
+  }
+
+  Step step_;
   std::size_t offeredBytes_;  // at most at a time, so that the output has room
   std::vector<unsigned char> out_;
+  std::vector<std::int32_t> words_;
   Next next_;
+  std::uint64_t& clippedSamples_;
 };
 
 }  // namespace
@@ -70,7 +85,6 @@ Plan makePlan(const Form& in, ChannelMask layout, const Form& out, const Wishes&
   const auto addMix = [&] {
     const Mix mix = mixTo(out.channels, now, layout, wishes.addSilentChannels);
     plan.layout = mix.layout;
-    plan.canClip = plan.canClip || mix.canClip;
     add("mix:    ", mix.step);
   };
 
@@ -82,7 +96,6 @@ Plan makePlan(const Form& in, ChannelMask layout, const Form& out, const Wishes&
   if (now.rate != out.rate) {
     if (now.samples == KES_PCM_S24_PACKED) addShift(KES_PCM_S32);
     add("rate:   ", resampleTo(out.rate, now, wishes.multichannel));
-    plan.canClip = true;
   }
   if (wishes.limit) {
     if (now.channels > 2) fail("--limit is for 1 or 2 channels, not for {}; add --channels 2", now.channels);
@@ -94,12 +107,10 @@ Plan makePlan(const Form& in, ChannelMask layout, const Form& out, const Wishes&
   return plan;
 }
 
-void Level::add(std::span<const std::int32_t> samples, unsigned sampleBytes) {
-  const auto highest = static_cast<std::int32_t>(INT32_MAX & ~0u << (32 - 8 * sampleBytes));
+void Level::add(std::span<const std::int32_t> samples) {
   for (const std::int32_t sample : samples) {
     const auto bits = static_cast<std::uint32_t>(sample);
     peak = std::max(peak, sample < 0 ? 0 - bits : bits);
-    clippedSamples += sample == highest || sample == INT32_MIN;
   }
 }
 
@@ -118,13 +129,15 @@ Report convert(AudioSource& source, const std::vector<Step>& steps, const Form& 
     const std::uint64_t frames = std::min(made - early, allFrames - report.outFrames);
     outWords.resize(frames * out.channels);
     unpack(block.data() + early * out.frameBytes(), bytesOf(out.samples), outWords);
-    report.out.add(outWords, bytesOf(out.samples));
+    report.out.add(outWords);
     sink.write(outWords.data(), frames);
     report.outFrames += frames;
   };
   for (auto step = steps.rbegin(); step != steps.rend(); ++step) {
     late += step->delayFrames;
-    next = [worker = std::make_shared<Worker>(*step, blockFrames, next)](Block block) { worker->push(block); };
+    next = [worker = std::make_shared<Worker>(*step, blockFrames, next, report.clippedSamples)](Block block) {
+      worker->push(block);
+    };
   }
 
   std::vector<std::int32_t> words(blockFrames * in.channels);
@@ -132,7 +145,7 @@ Report convert(AudioSource& source, const std::vector<Step>& steps, const Form& 
   std::uint64_t inFrames = 0;
   while (const std::size_t frames = source.read(words.data(), blockFrames)) {
     const std::span taken(words.data(), frames * in.channels);
-    report.in.add(taken, in.sampleBytes);
+    report.in.add(taken);
     pack(taken, in.sampleBytes, block.data());
     next(Block(block).first(frames * in.frameBytes()));
     progress(inFrames += frames);

@@ -19,9 +19,8 @@ struct Wishes {
 
 struct Plan {
   std::vector<Step> steps;
-  std::vector<std::string> descriptions;  // of all that is done, and of a mix that is not
-  ChannelMask layout = KES_LAYOUT_NONE;   // of the output
-  bool canClip = false;
+  std::vector<std::string> descriptions;   // of all that is done, and of a mix that is not
+  ChannelMask layout = KES_LAYOUT_NONE;    // of the output
   std::shared_ptr<std::uint32_t> limited;  // the limiter's highest input; null without one
 };
 
@@ -29,10 +28,9 @@ struct Plan {
 Plan makePlan(const Form& in, ChannelMask layout, const Form& out, const Wishes& wishes);
 
 struct Level {
-  std::uint32_t peak = 0;            // of 2^31
-  std::uint64_t clippedSamples = 0;  // at a limit of their range
+  std::uint32_t peak = 0;  // of 2^31
 
-  void add(std::span<const std::int32_t> samples, unsigned sampleBytes);
+  void add(std::span<const std::int32_t> samples);
   double decibels() const;  // of full scale, minus infinity for silence
 };
 
@@ -40,6 +38,7 @@ struct Report {
   std::uint64_t outFrames = 0;
   Level in;
   Level out;
+  std::uint64_t clippedSamples = 0;  // at most: at a limit of their range behind a step that can clip
 };
 
 // Converts the source to its end. After every block progress is told how many input frames are done.

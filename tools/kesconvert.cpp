@@ -17,6 +17,7 @@
 #include "failure.h"
 #include "files.h"
 #include "layout.h"
+#include "platform/limiter_lib.h"
 
 namespace kesconvert {
 namespace {
@@ -238,9 +239,13 @@ void run(const Options& options) {
 
   const double audio = static_cast<double>(report.outFrames) / out.rate;
   const double time = progress.seconds();
-  const std::string loss = plan.limited
-                               ? fmt::format("limited by up to {:.2f} dB", limitedDecibels(*plan.limited))
-                               : fmt::format("{} clipped samples", plan.canClip ? report.out.clippedSamples : 0);
+  std::string loss = "nothing clipped";
+  if (plan.limited)
+    loss = *plan.limited > LIMITER_THRESHOLD
+               ? fmt::format("limited by up to {:.2f} dB", limitedDecibels(*plan.limited))
+               : "nothing to limit";
+  else if (report.clippedSamples > 0)
+    loss = fmt::format("{} samples clipped or at full scale", report.clippedSamples);
   say("done:   {} frames, {} to {} ch, {:.3f} s of audio in {:.3f} s ({:.0f} x real time), peak {:.2f} dBFS in, "
       "{:.2f} dBFS out, {}",
       report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "failure.h"
 #include "platform/limiter_lib.h"
@@ -91,7 +92,7 @@ Mix mixTo(unsigned outChannels, const Form& in, ChannelMask layout, bool addSile
       Audio_Channel_Upmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, 1);
     };
   } else if (outChannels == 2 && inChannels > 2 && named != KES_LAYOUT_NONE) {
-    mix.canClip = true;
+    mix.step.canClip = true;
     description = describe(named) + " to stereo, by channel_DownMix_To_Stereo";
     if (named != layout) description += "; the side channels are mixed as back channels";
     if (positions(named) < inChannels)
@@ -133,7 +134,9 @@ Step resampleTo(int rate, const Form& in, bool multichannel) {
           in,
           {rate, in.channels, in.samples},
           fmt::format("{} to {} Hz, {} ch, by the {} resampler", in.rate, rate, in.channels,
-                      plain ? "plain" : "multichannel")};
+                      plain ? "plain" : "multichannel"),
+          0,
+          true};
 }
 
 Step shiftTo(PcmFormat samples, const Form& in) {
@@ -146,7 +149,9 @@ Step shiftTo(PcmFormat samples, const Form& in) {
   return {bitConverter(in, 3 * from + to - (to > from)),
           in,
           {in.rate, in.channels, samples},
-          fmt::format("{} to {}, by the bit converter", nameOf(in.samples), nameOf(samples))};
+          fmt::format("{} to {}, by the bit converter", nameOf(in.samples), nameOf(samples)),
+          0,
+          bytesOf(samples) < bytesOf(in.samples)};
 }
 
 Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest) {
@@ -156,8 +161,9 @@ Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest) {
             process(src, inBytes, dst, outBytes);
             std::vector<std::int32_t> samples((offered - *inBytes) / 4);
             std::memcpy(samples.data(), src, samples.size() * 4);
-            for (const std::int32_t sample : samples)
-              *highest = std::max(*highest, static_cast<std::uint32_t>(std::abs(std::int64_t{sample})));
+            for (const std::int64_t sample : samples)  // 16 bits reach one step further down
+              *highest = std::max(
+                  *highest, static_cast<std::uint32_t>(std::max<std::int64_t>({sample, -sample - (1 << 9), 0})));
           },
           in,
           {in.rate, in.channels, KES_PCM_S16},
@@ -166,8 +172,7 @@ Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest) {
 }
 
 double limitedDecibels(std::uint32_t highest) {
-  constexpr double kThreshold = 32767 << 9;  // the greatest sample of 16 bits
-  return std::max(0.0, 20 * std::log10(highest / kThreshold));
+  return std::max(0.0, 20 * std::log10(static_cast<double>(highest) / LIMITER_THRESHOLD));
 }
 
 }  // namespace kesconvert

@@ -38,12 +38,12 @@ struct Step {
   Form in, out;
   std::string description;
   unsigned delayFrames = 0;  // of the output, that come before the first one of the input's
+  bool canClip = false;
 };
 
 struct Mix {
   Step step;                             // without a process call when the channels stay as they are
   ChannelMask layout = KES_LAYOUT_NONE;  // of the output
-  bool canClip = false;
 };
 
 // The mix to so many channels: by the channel converter, or by an entry point where that cannot be told what is
@@ -57,7 +57,7 @@ Step resampleTo(int rate, const Form& in, bool multichannel);
 // The change of sample format, by the bit converter's shifter.
 Step shiftTo(PcmFormat samples, const Form& in);
 
-// The bit converter's limiter, from 8.24 to 16 bits. Notes in highest the greatest magnitude that went in.
+// The bit converter's limiter, from 8.24 to 16 bits. Notes in highest the greatest sample that went in.
 Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest);
 
 // By how much the limiter turned a peak of that magnitude down.

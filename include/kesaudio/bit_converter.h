@@ -49,7 +49,7 @@ enum {
   KES_CONVERT_S24_TO_Q8_24 = 11,
   KES_CONVERT_NOTHING = 12, /* and from here on, but for the limiter */
   KES_CONVERT_LIMITER = 256,
-  KES_CONVERT_LIMITER_NONE = 257,
+  KES_CONVERT_RESERVED = 257,
   KES_CONVERT_UNSET = 0xFFFF /* after the initialisation */
 };
 
@@ -96,7 +96,8 @@ struct KesAudioBitConverterC {
    *   dst, outBytes   in: capacity of dst. Out: bytes that the library made.
    *
    * Types that do nothing leave the buffers and both counts as they were. Returns KES_OK; or KES_REFUSED, and touches
-   * nothing, in state 1, or for KES_CONVERT_LIMITER when Open set no limiter up. Pointers and counts are not checked,
+   * nothing, in state 1, or for KES_CONVERT_LIMITER when Open set no limiter up or the library
+   * gave it no instance (ours takes 1 or 2 channels). Pointers and counts are not checked,
    * and what the libraries return is not looked at. */
   uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The limiter library for machines without the platform's. With x[n] the greater magnitude of frame n's samples, W
-// the delay in frames plus one, and gains in units of 2^-30:
+// The limiter library for machines without the platform's. With x[n] the greater magnitude of frame n's samples (a
+// negative one's less one step of 16 bits, which reach that much further down), W the delay in frames plus one, and
+// gains in units of 2^-30:
 //
 //   needed[n]   = min(1, threshold / x[n])                             what frame n may be multiplied by
 //   least[n]    = min(needed[n - W + 1], ..., needed[n])               down at once when a peak comes into view
@@ -22,7 +23,7 @@
 namespace {
 
 constexpr int32_t kUnity = 1 << 30;
-constexpr uint32_t kThreshold = 32767 << 9;  // in 8.24, whose full scale is 2^24: the highest that 16 bits hold
+constexpr uint32_t kThreshold = LIMITER_THRESHOLD, kStep = 1 << 9;  // of 16 bits, in 8.24
 constexpr uint32_t kMaxDelay = LIMITER_DELAY_FRAMES(192000);
 
 struct Stream {
@@ -62,7 +63,7 @@ void rewind(Stream& s) {
 
 uint32_t magnitude(int32_t sample) {
   const auto bits = static_cast<uint32_t>(sample);
-  return sample < 0 ? 0 - bits : bits;
+  return sample >= 0 ? bits : std::max(0 - bits, kStep) - kStep;
 }
 
 // The least gain that the window's frames need, with one more frame in it.

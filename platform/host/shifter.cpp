@@ -1,31 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shifter library for machines without the platform's. Eight samples at a time are read into 32-bit lanes, moved
-// by the difference of the full scales, and written. A rest goes the same way through a copy, so that not a byte
-// outside the blocks is touched.
+// The shifter library for machines without the platform's. A vector of samples at a time is read into 32-bit lanes,
+// in the same way as the channel kernels' (channel/lanes.h), moved by the difference of the full scales, and written.
+// A rest goes the same way through a copy, so that not a byte outside the blocks is touched.
 #include "platform/shifter_lib.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 
-// How vectors are passed matters between objects of different flags; here nothing of them leaves this file.
-#pragma GCC diagnostic ignored "-Wpsabi"
+#include "channel/lanes.h"
 
 namespace {
 
-constexpr uint32_t kLanes = 8;
-
-typedef int32_t Words __attribute__((vector_size(4 * kLanes)));
-typedef int16_t Halves __attribute__((vector_size(2 * kLanes)));
-typedef uint8_t Bytes __attribute__((vector_size(4 * kLanes)));
-typedef int64_t Pair __attribute__((vector_size(16)));  // half of the lanes
-
-template <class Vector>
-Vector load(const unsigned char* from) {
-  Vector v;
-  std::memcpy(&v, from, sizeof v);
-  return v;
-}
+namespace pcm = kesaudio::channel;
+using pcm::Words;
+constexpr uint32_t kLanes = pcm::kLanes;
 
 // ---- from one full scale to another
 
@@ -61,66 +50,33 @@ Words moved(Words x) {
 
 // ---- the formats
 
-struct S16 {
-  static constexpr int kFullScaleBits = 15, kRangeBits = 15;
-  static constexpr uint32_t kBytes = 2;
-  static Words read(const unsigned char* from) { return __builtin_convertvector(load<Halves>(from), Words); }
-  static void write(Words x, unsigned char* to) {
-    const Halves halves = __builtin_convertvector(x, Halves);
-    std::memcpy(to, &halves, sizeof halves);
-  }
+template <class PcmFormat, int kFullScale>
+struct Format {
+  using Pcm = PcmFormat;
+  static constexpr int kFullScaleBits = kFullScale, kRangeBits = 8 * Pcm::kBytes - 1;
+  static constexpr uint32_t kBytes = Pcm::kBytes;
 };
-
-template <int kFullScale>
-struct Word {
-  static constexpr int kFullScaleBits = kFullScale, kRangeBits = 31;
-  static constexpr uint32_t kBytes = 4;
-  static Words read(const unsigned char* from) { return load<Words>(from); }
-  static void write(Words x, unsigned char* to) { std::memcpy(to, &x, sizeof x); }
-};
-using S32 = Word<31>;
-using Q8_24 = Word<24>;
-
-// Half of the lanes are 12 bytes, of which 16 are read and written: the next ones are written over them in their
-// turn.
-struct S24 {
-  static constexpr int kFullScaleBits = 23, kRangeBits = 23;
-  static constexpr uint32_t kBytes = 3;
-  static Words read(const unsigned char* from) {
-    const auto packed = (Bytes)__builtin_shufflevector(load<Pair>(from), load<Pair>(from + 12), 0, 1, 2, 3);
-    const Bytes high = __builtin_shufflevector(packed, packed, 0, 0, 1, 2, 3, 3, 4, 5, 6, 6, 7, 8, 9, 9, 10, 11, 16,
-                                               16, 17, 18, 19, 19, 20, 21, 22, 22, 23, 24, 25, 25, 26, 27);
-    return (Words)high >> 8;
-  }
-  static void write(Words x, unsigned char* to) {
-    const auto wide = (Bytes)x;
-    const Bytes packed = __builtin_shufflevector(wide, wide, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 0, 0, 0, 0, 16,
-                                                 17, 18, 20, 21, 22, 24, 25, 26, 28, 29, 30, 16, 16, 16, 16);
-    std::memcpy(to, &packed, 16);
-    std::memcpy(to + 12, reinterpret_cast<const unsigned char*>(&packed) + 16, 16);
-  }
-};
-constexpr uint32_t kSamplesTouched = 10;  // by kLanes of any format, rounded up: 28 bytes of packed 24-bit
+using S16 = Format<pcm::S16, 15>;
+using S32 = Format<pcm::S32, 31>;
+using Q8_24 = Format<pcm::S32, 24>;
+using S24 = Format<pcm::P24, 23>;
 
 // ---- blocks
 
 template <class From, class To>
+void convertLanes(const unsigned char* src, unsigned char* dst) {
+  pcm::storeLanes<typename To::Pcm>(dst, moved<From, To>(pcm::loadLanes<typename From::Pcm>(src)));
+}
+
+template <class From, class To>
 void convert(const unsigned char* src, unsigned char* dst, uint32_t samples) {
-  for (; samples >= kSamplesTouched; samples -= kLanes) {
-    To::write(moved<From, To>(From::read(src)), dst);
-    src += kLanes * From::kBytes;
-    dst += kLanes * To::kBytes;
-  }
-  while (samples > 0) {
-    const uint32_t rest = std::min(samples, kLanes);
-    unsigned char in[4 * kLanes] = {}, out[4 * kLanes];
-    std::memcpy(in, src, rest * From::kBytes);
-    To::write(moved<From, To>(From::read(in)), out);
-    std::memcpy(dst, out, rest * To::kBytes);
-    src += rest * From::kBytes;
-    dst += rest * To::kBytes;
-    samples -= rest;
-  }
+  for (; samples >= kLanes; samples -= kLanes, src += kLanes * From::kBytes, dst += kLanes * To::kBytes)
+    convertLanes<From, To>(src, dst);
+  if (samples == 0) return;
+  unsigned char in[4 * kLanes] = {}, out[4 * kLanes];
+  std::memcpy(in, src, samples * From::kBytes);
+  convertLanes<From, To>(in, out);
+  std::memcpy(dst, out, samples * To::kBytes);
 }
 
 struct Conversion {

@@ -14,8 +14,10 @@ set border 3 lc rgb "#999999"
 set tics nomirror
 set grid lc rgb "#dddddd"
 
+louder(left, right) = abs(left) > abs(right) ? left : right
+
 # Where the mix is at its highest, for a closer look.
-stats frames binary format=layout using (column(1) * headroom) nooutput name "mix"
+stats frames binary format=layout using (louder(column(1), column(2)) * headroom) nooutput name "mix"
 highest = mix_max > -mix_min ? mix_index_max : mix_index_min
 from = highest / rate - 0.006
 to = highest / rate + 0.014
@@ -31,23 +33,24 @@ do for [column = 0:1] {
   set xlabel (close ? "ms" : "s") offset 0,0.7
 
   eval panel(0, column)
-  set title "left channel of the mix, before the limiter".where."; dashed: what 16 bits hold"
+  set title "the mix before the limiter, the louder of both channels".where."; dashed: what 16 bits hold"
   set ylabel "full scales"
   set yrange [-1.6:1.6]
-  plot frames binary format=layout every step using (place($0)):(column(1) * headroom) with lines lc rgb "#d62728", \
+  plot frames binary format=layout every step using (place($0)):(louder(column(1), column(2)) * headroom) with lines lc rgb "#d62728", \
     1 lc rgb "#2ca02c" lw 2 dt 2, -1 lc rgb "#2ca02c" lw 2 dt 2
 
   eval panel(1, column)
-  set title "the limiter's gain".(close ? ": down along a straight line that is there with the peak, then up again slowly" : "")
+  set title (close ? "its gain: down along a straight line, there with the peak, then up slowly" \
+    : "the limiter's gain, the same for both (not drawn where the mix is near zero)")
   set ylabel "dB"
   set yrange [-4:0.5]
-  plot frames binary format=layout every step using (place($0)):(gain(column(1), column(3))) with points pt 7 ps 0.3 lc rgb "#7f7f7f"
+  plot frames binary format=layout every step using (place($0)):(gain(louder(column(1), column(2)), louder(column(3), column(4)))) with points pt 7 ps 0.3 lc rgb "#7f7f7f"
 
   eval panel(2, column)
-  set title "out/limited.wav, behind it".where
+  set title "out/limited.wav, behind it, the louder of both channels".where
   set ylabel "full scales"
   set yrange [-1.6:1.6]
-  plot frames binary format=layout every step using (place($0)):3 with lines lc rgb "#1f77b4", \
+  plot frames binary format=layout every step using (place($0)):(louder(column(3), column(4))) with lines lc rgb "#1f77b4", \
     1 lc rgb "#2ca02c" lw 2 dt 2, -1 lc rgb "#2ca02c" lw 2 dt 2
 }
 unset multiplot
