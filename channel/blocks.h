@@ -23,17 +23,27 @@ inline constexpr bool kHasLanes = true;
 #endif
 
 // The samples of kChannels, kLanes frames of them, in stream order.
-template <class Pcm, int kChannels>
-[[gnu::always_inline]] inline void loadStream(const Byte* src, Words (&stream)[kChannels]) {
+template <class Pcm, int kChannels, int kRoom>
+[[gnu::always_inline]] inline void loadStream(const Byte* src, Words (&stream)[kRoom]) {
   unrolled<kChannels>([&](auto v) __attribute__((always_inline)) {
-    stream[v] = loadLanes<Pcm>(src + v * kLanes * Pcm::kBytes);
+    const Byte* const from = src + v * kLanes * Pcm::kBytes;
+    if constexpr (!std::is_same_v<Pcm, P24> || kChannels == 1 || kLanes == 4)
+      stream[v] = loadLanes<Pcm>(from);
+    else if constexpr (v < kChannels - 1)
+      stream[v] = loadPacked<0>(from);
+    else
+      stream[v] = loadPacked<kLanes>(from - kLanes);  // ends where the samples end
   });
 }
 
 template <class Pcm, int kChannels>
 [[gnu::always_inline]] inline void storeStream(Byte* dst, const Words (&stream)[kChannels]) {
   unrolled<kChannels>([&](auto v) __attribute__((always_inline)) {
-    storeLanes<Pcm>(dst + v * kLanes * Pcm::kBytes, stream[v]);
+    Byte* const to = dst + v * kLanes * Pcm::kBytes;
+    if constexpr (std::is_same_v<Pcm, P24> && v < kChannels - 1 && kLanes > 4)
+      storePacked(to, stream[v]);  // the next one is stored over what is behind it
+    else
+      storeLanes<Pcm>(to, stream[v]);
   });
 }
 
@@ -43,7 +53,7 @@ template <class Pcm, int kChannels>
   if constexpr (std::is_same_v<Pcm, S16> && kChannels % 2 == 0) {
     constexpr int kPairs = kChannels / 2;
     Words stream[kPairs], pairs[kPairs];
-    loadStream<S32>(src, stream);
+    loadStream<S32, kPairs>(src, stream);
     deinterleave<kPairs>(stream, pairs);
     unrolled<kPairs>([&](auto p) __attribute__((always_inline)) {
       channels[2 * p] = (Words)((UnsignedWords)pairs[p] << 16) >> 16;
@@ -51,7 +61,7 @@ template <class Pcm, int kChannels>
     });
   } else {
     Words stream[kChannels];
-    loadStream<Pcm>(src, stream);
+    loadStream<Pcm, kChannels>(src, stream);
     deinterleave<kChannels>(stream, channels);
   }
 }
@@ -106,9 +116,7 @@ template <class Pcm, int kSrc, int kDst, class Map>
   using Element = std::conditional_t<kPairs, S32, Pcm>;
   constexpr int kIn = kPairs ? kSrc / 2 : kSrc, kOut = kPairs ? kDst / 2 : kDst, kScale = kPairs ? 2 : 1;
   Words in[kIn + 1], out[kOut];  // with a vector of silence behind
-  unrolled<kIn>([&](auto v) __attribute__((always_inline)) {
-    in[v] = loadLanes<Element>(src + v * kLanes * Element::kBytes);
-  });
+  loadStream<Element, kIn>(src, in);
   in[kIn] = Words{};
   rearrange<kOut>(in, out, [](int e) {
     const int from = Map()(e % kOut * kScale) / kScale;

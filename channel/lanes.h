@@ -54,11 +54,12 @@ template <int kCount, class Body>
 
 // ---- samples in lanes
 
-// Packed 24-bit: a quarter of four samples is 12 bytes, which come and go as 16 where that stays inside the vector's
-// 3 * kLanes bytes.
+// Packed 24-bit: in the vector a quarter of four samples has 16 bytes, in memory 12.
 inline constexpr int kQuarters = kLanes / 4;
 typedef std::int64_t Quarter __attribute__((vector_size(16)));
 typedef std::int64_t Longs __attribute__((vector_size(4 * kLanes)));
+
+// Where a quarter is loaded from, 16 bytes that stay inside the vector's 3 * kLanes.
 constexpr int quarterAt(int q) { return kLanes == 4 ? 0 : std::min(12 * q, 3 * kLanes - 16); }
 
 template <int kCount>
@@ -83,6 +84,18 @@ template <class Map>
   (std::make_integer_sequence<int, 4 * kLanes>());
 }
 
+// From quarters that each begin with kSkip(q) other bytes: to the three high bytes of each lane, then the fourth is
+// shifted out.
+template <class Skip>
+[[gnu::always_inline]] inline Words unpacked(Words quarters, Skip) {
+  return movedBytes(quarters,
+                    [](int i) {
+                      const int q = i / 16, lane = i % 16 / 4, byte = i % 4;
+                      return 16 * q + Skip()(q) + 3 * lane + (byte == 0 ? 0 : byte - 1);
+                    }) >>
+         8;
+}
+
 template <class Pcm>
 [[gnu::always_inline]] inline Words loadLanes(const Byte* p) {
   if constexpr (std::is_same_v<Pcm, S32>) {
@@ -94,14 +107,25 @@ template <class Pcm>
     unrolled<kQuarters>([&](auto q) __attribute__((always_inline)) {
       std::memcpy(&quarters[q], p + quarterAt(q), kLanes == 4 ? 12 : 16);
     });
-    // To the three high bytes of each lane; the fourth is shifted out.
-    return movedBytes((Words)joined(quarters),
-                      [](int i) {
-                        const int q = i / 16, lane = i % 16 / 4, byte = i % 4;
-                        return 16 * q + 12 * q - quarterAt(q) + 3 * lane + (byte == 0 ? 0 : byte - 1);
-                      }) >>
-           8;
+    return unpacked((Words)joined(quarters), [](int q) { return 12 * q - quarterAt(q); });
   }
+}
+
+// Packed 24-bit samples of which kBefore other bytes lie in front, in a whole vector of bytes at p.
+template <int kBefore>
+[[gnu::always_inline]] inline Words loadPacked(const Byte* p) {
+  const auto words = loadVector<Words>(p);
+  return [&]<int... l>(std::integer_sequence<int, l...>) __attribute__((always_inline)) {
+    const Words quarters =
+        __builtin_shufflevector(words, words, std::min(kBefore / 4 + l / 4 * 3 + l % 4, kLanes - 1)...);
+    return unpacked(quarters, [](int) { return 0; });
+  }
+  (std::make_integer_sequence<int, kLanes>());
+}
+
+// Each quarter's lanes to its first 12 bytes.
+[[gnu::always_inline]] inline Words packed(Words x) {
+  return movedBytes(x, [](int i) { return i / 16 * 16 + (i % 16 < 12 ? i % 16 / 3 * 4 + i % 16 % 3 : 3); });
 }
 
 // The lanes hold values in the sample range.
@@ -113,13 +137,22 @@ template <class Pcm>
     const Halves halves = __builtin_convertvector(x, Halves);
     std::memcpy(p, &halves, sizeof halves);
   } else {
-    const auto packed =
-        (Longs)movedBytes(x, [](int i) { return i / 16 * 16 + (i % 16 < 12 ? i % 16 / 3 * 4 + i % 16 % 3 : 3); });
+    const auto quarters = (Longs)packed(x);
     unrolled<kQuarters>([&](auto q) __attribute__((always_inline)) {
-      const Quarter quarter = __builtin_shufflevector(packed, packed, 2 * q, 2 * q + 1);
+      const Quarter quarter = __builtin_shufflevector(quarters, quarters, 2 * q, 2 * q + 1);
       std::memcpy(p + 12 * q, &quarter, q == kQuarters - 1 ? 12 : 16);
     });
   }
+}
+
+// The same for packed 24-bit samples, with a whole vector of bytes: what is behind the samples is not theirs.
+[[gnu::always_inline]] inline void storePacked(Byte* p, Words x) {
+  const Words quarters = packed(x);
+  [&]<int... l>(std::integer_sequence<int, l...>) __attribute__((always_inline)) {
+    const Words words = __builtin_shufflevector(quarters, quarters, std::min(l / 3 * 4 + l % 3, kLanes - 1)...);
+    std::memcpy(p, &words, sizeof words);
+  }
+  (std::make_integer_sequence<int, kLanes>());
 }
 
 // ---- moves of elements between vectors
@@ -177,10 +210,6 @@ template <int kChannels>
 
 // ---- the arithmetic of the mixes (channel/fixed_point.h has it for single samples)
 
-[[gnu::always_inline]] inline Words choose(Words mask, Words ifTrue, Words ifFalse) {
-  return (mask & ifTrue) | (~mask & ifFalse);
-}
-
 template <class Pcm>
 [[gnu::always_inline]] inline Words clampedLanes(Words x) {
   const Words low = Words{} + Pcm::kMin, high = Words{} + Pcm::kMax;
@@ -198,15 +227,22 @@ struct Scaled {
   return {(x >> 16) * kMixGainQ15 + (Words)(low >> 16), (Words)(low >> 15) & 1};
 }
 
-// g(x); of any 32-bit sample for S32, of |x| < 2^29 for P24.
+// g(x); of any sample, and of 24-bit ones also of their sums up to 2^25. g(x) = x + floor(x * (46346 - 2^15) / 2^15),
+// whose product 24-bit samples leave room for once x is split at its 8th bit: what the low part has below 2^8 cannot
+// reach the result.
 template <class Pcm>
 [[gnu::always_inline]] inline Words mixGain(Words x) {
-  if constexpr (std::is_same_v<Pcm, S16>) return x * kMixGainQ15 >> kMixGainShift;
-  const auto [by16, bit15] = scaledLanes(x);
-  const Words twice = (Words)((UnsignedWords)by16 << 1) | bit15;
-  if constexpr (std::is_same_v<Pcm, P24>) return twice;
-  const Words limit = (by16 >> 31) ^ INT32_MAX;
-  return (by16 ^ (by16 << 1)) < 0 ? limit : twice;  // by16's two highest bits differ: twice has left 32 bits
+  if constexpr (std::is_same_v<Pcm, S16>) {
+    return x * kMixGainQ15 >> kMixGainShift;
+  } else if constexpr (std::is_same_v<Pcm, P24>) {
+    constexpr std::int32_t kBeyondOne = kMixGainQ15 - (1 << kMixGainShift);
+    return x + (((x >> 8) * kBeyondOne + ((x & 0xFF) * kBeyondOne >> 8)) >> (kMixGainShift - 8));
+  } else {
+    const auto [by16, bit15] = scaledLanes(x);
+    const Words twice = (Words)((UnsignedWords)by16 << 1) | bit15;
+    const Words limit = (by16 >> 31) ^ INT32_MAX;
+    return (by16 ^ (by16 << 1)) < 0 ? limit : twice;  // by16's two highest bits differ: twice has left 32 bits
+  }
 }
 
 // The sum, clamped. Where it can leave 32 bits, by how often it has wrapped: each time towards the sign of what was
