@@ -47,14 +47,24 @@ template <class Pcm, int kChannels>
   });
 }
 
-// A vector for each channel. Pairs of 16-bit samples are moved as one element.
+// Whether a frame is made of pairs of 16-bit samples, which are moved as one element.
+template <class Pcm, int kChannels>
+inline constexpr bool kHasPairs = std::is_same_v<Pcm, S16>&& kChannels % 2 == 0;
+
+template <int kPairs>
+[[gnu::always_inline]] inline void loadPairs(const Byte* src, Words (&pairs)[kPairs]) {
+  Words stream[kPairs];
+  loadStream<S32, kPairs>(src, stream);
+  deinterleave<kPairs>(stream, pairs);
+}
+
+// A vector for each channel.
 template <class Pcm, int kChannels>
 [[gnu::always_inline]] inline void loadChannels(const Byte* src, Words (&channels)[kChannels]) {
-  if constexpr (std::is_same_v<Pcm, S16> && kChannels % 2 == 0) {
+  if constexpr (kHasPairs<Pcm, kChannels>) {
     constexpr int kPairs = kChannels / 2;
-    Words stream[kPairs], pairs[kPairs];
-    loadStream<S32, kPairs>(src, stream);
-    deinterleave<kPairs>(stream, pairs);
+    Words pairs[kPairs];
+    loadPairs(src, pairs);
     unrolled<kPairs>([&](auto p) __attribute__((always_inline)) {
       channels[2 * p] = (Words)((UnsignedWords)pairs[p] << 16) >> 16;
       channels[2 * p + 1] = pairs[p] >> 16;

@@ -31,8 +31,16 @@ int32_t foldedFrame(const Byte* in, int32_t channels, int shift) {
 }
 
 template <class Pcm, int32_t kChannels>
-Words foldedLanes(const Words (&s)[kChannels]) {
+Words foldedLanes(const Byte* in) {
   Words sum = {};
+  if constexpr (kHasPairs<Pcm, kChannels>) {
+    Words pairs[kChannels / 2];
+    loadPairs(in, pairs);
+    for (const Words& pair : pairs) sum += sumOfPairs((Pairs)pair) + sumOfPairs(beyondOne((Pairs)pair));
+    return clampedLanes<Pcm>(sum);
+  }
+  Words s[kChannels];
+  loadChannels<Pcm>(in, s);
   unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
     if constexpr (std::is_same_v<Pcm, S32>)
       sum += scaledLanes(s[c]).by16 >> std::bit_width(static_cast<uint32_t>(kChannels) - 1);
@@ -52,19 +60,20 @@ void spread(Byte* dst, const Words& value) {
 }
 
 template <class Pcm>
-constexpr void (*kSpreads[])(Byte*, const Words&) = {  // by channels - 1
-    spread<Pcm, 1>, spread<Pcm, 2>, spread<Pcm, 3>, spread<Pcm, 4>,
-    spread<Pcm, 5>, spread<Pcm, 6>, spread<Pcm, 7>, spread<Pcm, 8>};
+constexpr void (*kSpreads[])(Byte*, const Words&) = {  // from 2 channels on
+    spread<Pcm, 2>, spread<Pcm, 3>, spread<Pcm, 4>, spread<Pcm, 5>, spread<Pcm, 6>, spread<Pcm, 7>, spread<Pcm, 8>};
 
 template <class Pcm, int32_t kChannels>
 void foldSteps(Byte* dst, int32_t dstChannels, const Byte* src, int32_t frames) {
-  const auto spreadValue = kSpreads<Pcm>[dstChannels - 1];
-  stepsForwards<kChannels * Pcm::kBytes, 8 * Pcm::kBytes>(dst, frameBytes<Pcm>(dstChannels), src, frames,
-                                                          [=](Byte* out, const Byte* in) {
-                                                            Words s[kChannels];
-                                                            loadChannels<Pcm>(in, s);
-                                                            spreadValue(out, foldedLanes<Pcm>(s));
-                                                          });
+  const auto steps = [=](auto store) {
+    stepsForwards<kChannels * Pcm::kBytes, 8 * Pcm::kBytes>(
+        dst, frameBytes<Pcm>(dstChannels), src, frames,
+        [=](Byte* out, const Byte* in) { store(out, foldedLanes<Pcm, kChannels>(in)); });
+  };
+  if (dstChannels == 1)
+    steps([](Byte * out, Words value) __attribute__((always_inline)) { storeLanes<Pcm>(out, value); });
+  else
+    steps(kSpreads<Pcm>[dstChannels - 2]);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The vector layer: samples of any format in 32-bit lanes, as many as the machine's vectors have, and the moves of
 // whole vectors that put channels side by side. One body of code for 64-bit Arm and x86-64; what the compiler's
-// vector extensions cannot say is not said.
+// vector extensions cannot say are three instructions for pairs of 16-bit samples.
 #ifndef KESAUDIO_CHANNEL_LANES_H
 #define KESAUDIO_CHANNEL_LANES_H
 
@@ -11,6 +11,12 @@
 #include <cstring>
 #include <type_traits>
 #include <utility>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
 
 #include "channel/fixed_point.h"
 #include "channel/pcm.h"
@@ -31,6 +37,7 @@ inline constexpr int kLanes = 4;
 typedef std::int32_t Words __attribute__((vector_size(4 * kLanes)));
 typedef std::uint32_t UnsignedWords __attribute__((vector_size(4 * kLanes)));
 typedef std::int16_t Halves __attribute__((vector_size(2 * kLanes)));
+typedef std::int16_t Pairs __attribute__((vector_size(4 * kLanes)));  // two samples a lane
 typedef Byte WordBytes __attribute__((vector_size(4 * kLanes)));
 typedef float Floats __attribute__((vector_size(4 * kLanes)));
 typedef double Doubles __attribute__((vector_size(8 * kLanes)));
@@ -264,9 +271,63 @@ template <class Pcm, class... Terms>
   }
 }
 
-// (x0 + x1 + ...) / kDivisor, rounded towards zero. The sum is exact in floating point: of 16 bits, 8 of them, in
-// float; else in double. Half a unit more, away from zero, keeps a product with a rounded reciprocal off the
+// ---- pairs of 16-bit samples
+
+inline constexpr std::int16_t kBeyondOneQ15 = kMixGainQ15 - (1 << kMixGainShift);
+
+// g(x) - x = floor(x * 13578 / 2^15).
+[[gnu::always_inline]] inline Pairs beyondOne(Pairs x) {
+#if defined(__AVX512BW__)
+  return (Pairs)_mm512_mulhi_epi16((__m512i)x, _mm512_set1_epi16(2 * kBeyondOneQ15));
+#elif defined(__AVX2__)
+  return (Pairs)_mm256_mulhi_epi16((__m256i)x, _mm256_set1_epi16(2 * kBeyondOneQ15));
+#elif defined(__x86_64__)
+  return (Pairs)_mm_mulhi_epi16((__m128i)x, _mm_set1_epi16(2 * kBeyondOneQ15));
+#elif defined(__aarch64__)
+  return (Pairs)vqdmulhq_n_s16((int16x8_t)x, kBeyondOneQ15);
+#endif
+}
+
+// Each sum limited to 16 bits.
+[[gnu::always_inline]] inline Pairs addSaturated(Pairs a, Pairs b) {
+#if defined(__AVX512BW__)
+  return (Pairs)_mm512_adds_epi16((__m512i)a, (__m512i)b);
+#elif defined(__AVX2__)
+  return (Pairs)_mm256_adds_epi16((__m256i)a, (__m256i)b);
+#elif defined(__x86_64__)
+  return (Pairs)_mm_adds_epi16((__m128i)a, (__m128i)b);
+#elif defined(__aarch64__)
+  return (Pairs)vqaddq_s16((int16x8_t)a, (int16x8_t)b);
+#endif
+}
+
+// The sum of each pair.
+[[gnu::always_inline]] inline Words sumOfPairs(Pairs x) {
+#if defined(__AVX512BW__)
+  return (Words)_mm512_madd_epi16((__m512i)x, _mm512_set1_epi16(1));
+#elif defined(__AVX2__)
+  return (Words)_mm256_madd_epi16((__m256i)x, _mm256_set1_epi16(1));
+#elif defined(__x86_64__)
+  return (Words)_mm_madd_epi16((__m128i)x, _mm_set1_epi16(1));
+#elif defined(__aarch64__)
+  return (Words)vpaddlq_s16((int16x8_t)x);
+#endif
+}
+
+// ---- averages
+
+// sum / kDivisor, rounded towards zero. The sum is exact in floating point: of eight 16-bit samples in float, of
+// 24-bit ones in double. Half a unit more, away from zero, keeps a product with a rounded reciprocal off the
 // integers, without reaching the next.
+template <class Pcm, int kDivisor>
+[[gnu::always_inline]] inline Words quotient(Words sum) {
+  using Wide = std::conditional_t<std::is_same_v<Pcm, S16>, Floats, Doubles>;
+  using Number = std::conditional_t<std::is_same_v<Pcm, S16>, float, double>;
+  const Words half = (sum >> 31) | 1;
+  return __builtin_convertvector(__builtin_convertvector(2 * sum + half, Wide) * (Number{0.5} / kDivisor), Words);
+}
+
+// (x0 + x1 + ...) / kDivisor; of 32-bit samples the sum is in double, too.
 template <class Pcm, int kDivisor, int kCount>
 [[gnu::always_inline]] inline Words averagedLanes(const Words (&x)[kCount]) {
   if constexpr (std::is_same_v<Pcm, S32>) {
@@ -277,11 +338,7 @@ template <class Pcm, int kDivisor, int kCount>
   } else {
     Words sum = {};
     for (const Words& each : x) sum += each;
-    using Wide = std::conditional_t<std::is_same_v<Pcm, S16>, Floats, Doubles>;
-    using Number = std::conditional_t<std::is_same_v<Pcm, S16>, float, double>;
-    const Words half = (sum >> 31) | 1;
-    const Wide twice = __builtin_convertvector(2 * sum + half, Wide);
-    return __builtin_convertvector(twice * (Number{0.5} / kDivisor), Words);
+    return quotient<Pcm, kDivisor>(sum);
   }
 }
 

@@ -14,6 +14,19 @@ int32_t averagedFrame(const Byte* in, int32_t channels) {
   return clampTo<Pcm>(sum / channels);
 }
 
+template <class Pcm, int32_t kChannels>
+Words averagedFrames(const Byte* in) {
+  if constexpr (kHasPairs<Pcm, kChannels>) {
+    Words pairs[kChannels / 2], sum = {};
+    loadPairs(in, pairs);
+    for (const Words& pair : pairs) sum += sumOfPairs((Pairs)pair);
+    return quotient<Pcm, kChannels>(sum);
+  }
+  Words s[kChannels];
+  loadChannels<Pcm>(in, s);
+  return averagedLanes<Pcm, kChannels>(s);
+}
+
 }  // namespace
 
 void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const void* src, int32_t srcChannels,
@@ -27,9 +40,7 @@ void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const
       if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
         stepsForwards<channels * Pcm::kBytes, Pcm::kBytes>(
             out, Pcm::kBytes, in, frames, [](Byte* outFrames, const Byte* inFrames) {
-              Words s[decltype(channels)::value];
-              loadChannels<Pcm>(inFrames, s);
-              storeLanes<Pcm>(outFrames, averagedLanes<Pcm, decltype(channels)::value>(s));
+              storeLanes<Pcm>(outFrames, averagedFrames<Pcm, decltype(channels)::value>(inFrames));
             });
       else
         forwards(out, frameBytes<Pcm>(1), in, frameBytes<Pcm>(channels), frames,

@@ -38,6 +38,8 @@ struct Quad {
   static Stereo<Value> mix(const Value* s) {
     return {clampedSum<Pcm>(s[0], mixGain<Pcm>(s[2])), clampedSum<Pcm>(s[1], mixGain<Pcm>(s[3]))};
   }
+  // Of pairs, left and right at once. What is added to the front has one sign, so limiting twice is limiting once.
+  static Pairs mixPairs(Pairs front, Pairs back) { return addSaturated(addSaturated(front, back), beyondOne(back)); }
 };
 
 struct Mix5_1 {
@@ -93,6 +95,17 @@ void mixSteps(const Blocks& blocks, MixLanes mixLanes) {
                                                           });
 }
 
+template <int32_t kChannels>
+void mixPairSteps(const Blocks& blocks) {
+  stepsForwards<kChannels * S16::kBytes, 2 * S16::kBytes>(
+      blocks.dst, 2 * S16::kBytes, blocks.src, frameCount<S16>(blocks.byteCount, kChannels),
+      [](Byte* out, const Byte* in) {
+        Words pairs[kChannels / 2];
+        loadPairs(in, pairs);
+        storeLanes<S32>(out, (Words)Quad::mixPairs((Pairs)pairs[0], (Pairs)pairs[1]));
+      });
+}
+
 // Runs mixFrame(input frame) -> Stereo over a block of any count, and writes dstChannels samples a frame, silent from
 // the third on.
 template <class Pcm, class MixFrame>
@@ -126,7 +139,9 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     const int32_t dstChannels = std::is_same_v<Pcm, P24> ? blocks.dstChannels : 2;
     withChannels(dstChannels == 2 ? blocks.srcChannels : 0, [&](auto channels) {
       if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>) {
-        if constexpr (channels >= Mix::kChannels)
+        if constexpr (std::is_same_v<Mix, Quad> && kHasPairs<Pcm, channels> && channels >= Mix::kChannels)
+          mixPairSteps<channels>(blocks);
+        else if constexpr (channels >= Mix::kChannels)
           mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return Mix::template mix<Pcm, Words>(lanes); });
       } else {
         mixFrames<Pcm>(blocks, dstChannels, [](const Byte* in) {
