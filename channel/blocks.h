@@ -22,6 +22,16 @@ inline constexpr bool kHasLanes = !std::is_same_v<Pcm, P24>;
 inline constexpr bool kHasLanes = true;
 #endif
 
+// Whether steps are the faster way to mix and average a format: not for 32-bit samples on 64-bit Arm, whose wide
+// products and sums compilers make better use of in plain loops.
+#if defined(__aarch64__)
+template <class Pcm>
+inline constexpr bool kMixesInLanes = kHasLanes<Pcm> && !std::is_same_v<Pcm, S32>;
+#else
+template <class Pcm>
+inline constexpr bool kMixesInLanes = kHasLanes<Pcm>;
+#endif
+
 // The samples of kChannels, kLanes frames of them, in stream order.
 template <class Pcm, int kChannels, int kRoom>
 [[gnu::always_inline]] inline void loadStream(const Byte* src, Words (&stream)[kRoom]) {

@@ -37,7 +37,7 @@ void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const
       const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
       const auto out = static_cast<Byte*>(dst);
       const auto in = static_cast<const Byte*>(src);
-      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+      if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>)
         stepsForwards<channels * Pcm::kBytes, Pcm::kBytes>(
             out, Pcm::kBytes, in, frames, [](Byte* outFrames, const Byte* inFrames) {
               storeLanes<Pcm>(outFrames, averagedFrames<Pcm, decltype(channels)::value>(inFrames));

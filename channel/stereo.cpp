@@ -123,7 +123,7 @@ void mixFrames(const Blocks& blocks, int32_t dstChannels, MixFrame mixFrame) {
 template <class Pcm>
 void mixPairwise(const Blocks& blocks) {
   withChannels(blocks.srcChannels, [&](auto channels) {
-    if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+    if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>)
       mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return pairwiseAverage<Pcm>(lanes); });
     else
       mixFrames<Pcm>(blocks, 2, [=](const Byte* in) { return pairwiseAverage<Pcm>(in, channels); });
@@ -138,7 +138,7 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     // Packed 24-bit frames are as wide as the caller says; the others are stereo whatever it says.
     const int32_t dstChannels = std::is_same_v<Pcm, P24> ? blocks.dstChannels : 2;
     withChannels(dstChannels == 2 ? blocks.srcChannels : 0, [&](auto channels) {
-      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>) {
+      if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>) {
         if constexpr (std::is_same_v<Mix, Quad> && kHasPairs<Pcm, channels> && channels >= Mix::kChannels)
           mixPairSteps<channels>(blocks);
         else if constexpr (channels >= Mix::kChannels)
