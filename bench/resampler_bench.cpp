@@ -7,13 +7,12 @@
 // from float counts; and in the 32-bit jobs float, ours 32-bit integers.
 //
 //   resampler_bench [--benchmark_filter=REGEX] [other options of Google Benchmark]
-#include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <map>
 #include <random>
 #include <string>
 
+#include "fastest.h"
 #include "resampler_quality.h"
 
 namespace {
@@ -66,30 +65,8 @@ void runJob(benchmark::State& state, const EngineType& type, const Job& job) {
 
 std::string labelOf(const EngineType& type, const Job& job) { return std::string(type.name) + ": " + job.name; }
 
-// Keeps the fastest repetition of each benchmark.
-class Fastest final : public benchmark::BenchmarkReporter {
- public:
-  bool ReportContext(const Context& context) override {
-    PrintBasicContext(&GetErrorStream(), context);
-    return true;
-  }
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      const auto counter = run.counters.find("s/h");
-      if (run.run_type != Run::RT_Iteration || counter == run.counters.end()) continue;
-      const auto [entry, isNew] = seconds.emplace(run.run_name.function_name, counter->second.value);
-      entry->second = std::min<double>(entry->second, counter->second.value);
-    }
-  }
-  // NaN where the job was not run.
-  double operator()(const EngineType& type, const Job& job) const {
-    const auto found = seconds.find(labelOf(type, job));
-    return found == seconds.end() ? std::nan("") : found->second;
-  }
-
- private:
-  std::map<std::string, double> seconds;
-};
+// NaN where the job was not run.
+double cost(const Fastest& fastest, const EngineType& type, const Job& job) { return fastest(labelOf(type, job)); }
 
 // ---- report
 
@@ -97,7 +74,7 @@ using Qualities = std::map<const EngineType*, Quality>;
 
 bool wasRun(const Fastest& fastest, const EngineType& type) {
   return std::any_of(std::begin(kJobs), std::end(kJobs),
-                     [&](const Job& job) { return !std::isnan(fastest(type, job)); });
+                     [&](const Job& job) { return !std::isnan(cost(fastest, type, job)); });
 }
 
 // Quality at a pair of rates, behind the speeds of the common jobs if it is theirs.
@@ -114,7 +91,7 @@ Qualities printTable(const Fastest& fastest, uint32_t inRate, uint32_t outRate) 
     if (!wasRun(fastest, type)) continue;
     const Quality& q = qualities[&type] = quality(type, inRate, outRate);
     std::printf("| %s |", type.name);
-    for (size_t j = 0; hasSpeeds && j < kCommonJobs; ++j) std::printf(" %.2f |", fastest(type, kJobs[j]));
+    for (size_t j = 0; hasSpeeds && j < kCommonJobs; ++j) std::printf(" %.2f |", cost(fastest, type, kJobs[j]));
     std::printf(" %.0f | %.3f | %.1f | %.1f | %.1f | %.3f | %s |\n", q.latency, q.loss, q.worstSpur, q.thdN, q.thdN16,
                 q.minus3dB, isGood(q) ? "yes" : "no");
     std::fflush(stdout);
@@ -128,26 +105,19 @@ void printRatios(const Fastest& fastest, const Qualities& qualities) {
   for (const Job& job : kJobs) {
     const EngineType* peer = nullptr;
     for (const auto& [type, q] : qualities)
-      if (type != &kOurs && isGood(q) && !(peer && fastest(*peer, job) <= fastest(*type, job)) &&
-          !std::isnan(fastest(*type, job)))
+      if (type != &kOurs && isGood(q) && !(peer && cost(fastest, *peer, job) <= cost(fastest, *type, job)) &&
+          !std::isnan(cost(fastest, *type, job)))
         peer = type;
     if (peer)
-      std::printf("| %s | %.2f | %s: %.2f | %.2f |\n", job.name, fastest(kOurs, job), peer->name, fastest(*peer, job),
-                  fastest(*peer, job) / fastest(kOurs, job));
+      std::printf("| %s | %.2f | %s: %.2f | %.2f |\n", job.name, cost(fastest, kOurs, job), peer->name,
+                  cost(fastest, *peer, job), cost(fastest, *peer, job) / cost(fastest, kOurs, job));
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
-                            "--benchmark_min_time=0.05"};
-  std::vector<char*> arguments = {argv[0]};
-  for (std::string& argument : defaults) arguments.push_back(argument.data());
-  arguments.insert(arguments.end(), argv + 1, argv + argc);  // the last one of a kind counts
-  int count = static_cast<int>(arguments.size());
-  benchmark::Initialize(&count, arguments.data());
-  if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
+  if (!initializeRepetitions(argc, argv, "9", "0.05")) return 1;
 
   for (const Job& job : kJobs)
     for (const EngineType& type : kEngines)
@@ -155,7 +125,7 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(labelOf(type, job).c_str(), [&](benchmark::State& state) {
           runJob(state, type, job);
         })->MeasureProcessCPUTime();
-  Fastest fastest;
+  Fastest fastest("s/h");
   benchmark::RunSpecifiedBenchmarks(&fastest);
 
   Qualities qualities;
