@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "channel/blocks.h"
+#include "channel/mixing.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
@@ -30,48 +31,65 @@ int32_t foldedFrame(const Byte* in, int32_t channels, int shift) {
   return clampTo<Pcm>(sum);
 }
 
+// A term of the sum of 24- or 32-bit samples, on its way.
 template <class Pcm, int32_t kChannels>
-Words foldedLanes(const Byte* in) {
-  Words sum = {};
-  if constexpr (kHasPairs<Pcm, kChannels>) {
-    Words pairs[kChannels / 2];
-    loadPairs(in, pairs);
-    for (const Words& pair : pairs) sum += sumOfPairs((Pairs)pair) + sumOfPairs(beyondOne((Pairs)pair));
-    return clampedLanes<Pcm>(sum);
-  }
-  Words s[kChannels];
-  loadChannels<Pcm>(in, s);
-  unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
-    if constexpr (std::is_same_v<Pcm, S32>)
-      sum += scaledLanes(s[c]).by16 >> std::bit_width(static_cast<uint32_t>(kChannels) - 1);
-    else
-      sum += mixGain<Pcm>(s[c]);
-  });
-  return std::is_same_v<Pcm, S32> ? sum : clampedLanes<Pcm>(sum);
+KESAUDIO_INLINE Words foldTerm(Words x) {
+  if constexpr (std::is_same_v<Pcm, S32>)
+    return scaledBy16(x) >> std::bit_width(static_cast<uint32_t>(kChannels) - 1);
+  return mixGain<Pcm>(x);
 }
 
-// Writes kLanes frames of so many channels, each with its frame's value.
+// The values of a step's frames.
 template <class Pcm, int32_t kChannels>
-void spread(Byte* dst, const Words& value) {
-  const Words from[1] = {value};
-  Words stream[kChannels];
+KESAUDIO_INLINE Samples<Pcm> foldedStep(const Byte* in) {
+  Words sum[2] = {};
+  if constexpr (kChannels % 2 == 0) {
+    Samples<Pcm> pairs[kChannels / 2][2];
+    loadPairs<Pcm, kChannels>(in, pairs);
+    unrolled<kChannels>([&](auto at) KESAUDIO_INLINED {
+      const Samples<Pcm> x = pairs[at / 2][at % 2];
+      if constexpr (std::is_same_v<Pcm, S16>)
+        sum[at % 2] += sumOfPairs(x) + sumOfPairs(beyondOne(x));
+      else
+        sum[at % 2] += foldTerm<Pcm, kChannels>(x);
+    });
+    if constexpr (std::is_same_v<Pcm, S16>) return inOrder(narrowed(sum));
+    sum[0] = everySecond<0>(sum[0], sum[1]) + everySecond<1>(sum[0], sum[1]);
+  } else {
+    Samples<Pcm> channels[kChannels];
+    loadChannels<Pcm>(in, channels);
+    for (const Samples<Pcm>& x : channels)
+      if constexpr (std::is_same_v<Pcm, S16>)
+        addWide(x, beyondOne(x), sum);
+      else
+        sum[0] += foldTerm<Pcm, kChannels>(x);
+    if constexpr (std::is_same_v<Pcm, S16>) return narrowed(sum);
+  }
+  return (Samples<Pcm>)(std::is_same_v<Pcm, P24> ? clampedLanes<Pcm>(sum[0]) : sum[0]);
+}
+
+// Writes a step of frames of so many channels, each with its frame's value.
+template <class Pcm, int32_t kChannels>
+void spread(Byte* dst, const Samples<Pcm>& value) {
+  const Samples<Pcm> from[1] = {value};
+  Samples<Pcm> stream[kChannels];
   rearrange<kChannels>(from, stream, [](int e) { return e / kChannels; });
   storeStream<Pcm>(dst, stream);
 }
 
 template <class Pcm>
-constexpr void (*kSpreads[])(Byte*, const Words&) = {  // from 2 channels on
+constexpr void (*kSpreads[])(Byte*, const Samples<Pcm>&) = {  // from 2 channels on
     spread<Pcm, 2>, spread<Pcm, 3>, spread<Pcm, 4>, spread<Pcm, 5>, spread<Pcm, 6>, spread<Pcm, 7>, spread<Pcm, 8>};
 
 template <class Pcm, int32_t kChannels>
 void foldSteps(Byte* dst, int32_t dstChannels, const Byte* src, int32_t frames) {
   const auto steps = [=](auto store) {
-    stepsForwards<kChannels * Pcm::kBytes, 8 * Pcm::kBytes>(
+    stepsForwards<kStepFrames<Pcm>, kChannels * Pcm::kBytes, 8 * Pcm::kBytes>(
         dst, frameBytes<Pcm>(dstChannels), src, frames,
-        [=](Byte* out, const Byte* in) { store(out, foldedLanes<Pcm, kChannels>(in)); });
+        [=](Byte* out, const Byte* in) KESAUDIO_INLINED { store(out, foldedStep<Pcm, kChannels>(in)); });
   };
   if (dstChannels == 1)
-    steps([](Byte * out, Words value) __attribute__((always_inline)) { storeLanes<Pcm>(out, value); });
+    steps([](Byte* out, const Samples<Pcm>& value) KESAUDIO_INLINED { spread<Pcm, 1>(out, value); });
   else
     steps(kSpreads<Pcm>[dstChannels - 2]);
 }

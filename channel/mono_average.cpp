@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Mono average: (s0 + s1 + ... ) / srcChannels, rounded towards zero: a division, since a shift would round down.
 #include "channel/blocks.h"
+#include "channel/mixing.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
@@ -14,17 +15,18 @@ int32_t averagedFrame(const Byte* in, int32_t channels) {
   return clampTo<Pcm>(sum / channels);
 }
 
+// The averages of a step's frames.
 template <class Pcm, int32_t kChannels>
-Words averagedFrames(const Byte* in) {
-  if constexpr (kHasPairs<Pcm, kChannels>) {
-    Words pairs[kChannels / 2], sum = {};
-    loadPairs(in, pairs);
-    for (const Words& pair : pairs) sum += sumOfPairs((Pairs)pair);
-    return quotient<Pcm, kChannels>(sum);
+KESAUDIO_INLINE Samples<Pcm> averagedStep(const Byte* in) {
+  if constexpr (kChannels % 2 == 0) {
+    Samples<Pcm> pairs[kChannels / 2][2];
+    loadPairs<Pcm, kChannels>(in, pairs);
+    return averagedPairs<Pcm, kChannels>(pairs);
+  } else {
+    Samples<Pcm> channels[kChannels];
+    loadChannels<Pcm>(in, channels);
+    return averagedLanes<Pcm, kChannels>(channels);
   }
-  Words s[kChannels];
-  loadChannels<Pcm>(in, s);
-  return averagedLanes<Pcm, kChannels>(s);
 }
 
 }  // namespace
@@ -37,10 +39,11 @@ void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const
       const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
       const auto out = static_cast<Byte*>(dst);
       const auto in = static_cast<const Byte*>(src);
-      if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>)
-        stepsForwards<channels * Pcm::kBytes, Pcm::kBytes>(
-            out, Pcm::kBytes, in, frames, [](Byte* outFrames, const Byte* inFrames) {
-              storeLanes<Pcm>(outFrames, averagedFrames<Pcm, decltype(channels)::value>(inFrames));
+      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+        stepsForwards<kStepFrames<Pcm>, channels * Pcm::kBytes, Pcm::kBytes>(
+            out, Pcm::kBytes, in, frames, [](Byte* outFrames, const Byte* inFrames) KESAUDIO_INLINED {
+              const Samples<Pcm> averages[1] = {averagedStep<Pcm, decltype(channels)::value>(inFrames)};
+              storeStream<Pcm>(outFrames, averages);
             });
       else
         forwards(out, frameBytes<Pcm>(1), in, frameBytes<Pcm>(channels), frames,

@@ -9,69 +9,136 @@
 #include <type_traits>
 
 #include "channel/blocks.h"
+#include "channel/mixing.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
 
 namespace {
 
-// A frame of results, or a vector of each side's.
-template <class Value>
 struct Stereo {
-  Value left, right;
+  int32_t left, right;
 };
 
-// The mixes of a frame s, or of vectors of its channels.
+// One side of the mixes: of a frame, or of vectors of either side or of both.
+
+template <class Pcm, class Value>
+KESAUDIO_INLINE Value mixedSide(Value front, Value back) {
+  return clampedSum<Pcm>(front, mixGain<Pcm>(back));
+}
+
+template <class Pcm, class Value, class Gained>
+KESAUDIO_INLINE Value mixedSide(Value front, Gained gainedCentre, Value back) {
+  return clampedSum<Pcm>(front, gainedCentre, mixGain<Pcm>(back));
+}
+
+// t, an intermediate sample: 16 bits wide among 16-bit samples, else 32, which 24-bit ones cannot leave.
+template <class Pcm, class Value>
+KESAUDIO_INLINE Value centre(Value front, Value lfe) {
+  if constexpr (std::is_same_v<Pcm, P24>) return front + mixGain<Pcm>(lfe);
+  return mixedSide<Pcm>(front, lfe);
+}
+
+// g(t) for both sides of a half of a step, from t of all its frames.
+template <class Pcm, int kHalf>
+KESAUDIO_INLINE Words gainedCentre(Words t) {
+  return doubled<kHalf>(mixGain<Pcm>(t));
+}
+template <class Pcm, int kHalf>
+KESAUDIO_INLINE Gained gainedCentre(Shorts t) {
+  return mixGain<Pcm>(doubledInQuarters<kHalf>(t));
+}
+
+// From a vector of either side to both sides of each half of a step.
+template <class Vector>
+KESAUDIO_INLINE void interleave(const Vector (&sides)[2], Vector (&out)[2]) {
+  rearrange<2>(sides, out, [](int e) { return e % 2 * kGroupElements<Vector> + e / 2; });
+}
+
+// The mixes of a frame s, and of a step's frames.
 
 struct Front3 {
   static constexpr int32_t kChannels = 3;
-  template <class Pcm, class Value>
-  static Stereo<Value> mix(const Value* s) {
-    const Value third = mixGain<Pcm>(s[2]);
-    return {clampedSum<Pcm>(s[0], third), clampedSum<Pcm>(s[1], third)};
+  template <class Pcm>
+  static Stereo mixFrame(const int32_t* s) {
+    return {mixedSide<Pcm>(s[0], s[2]), mixedSide<Pcm>(s[1], s[2])};
+  }
+  template <class Pcm, int32_t kSrc>
+  KESAUDIO_INLINE static void mixStep(const Byte* in, Samples<Pcm> (&out)[2]) {
+    if constexpr (kLoadsParts<kSrc> && kSrc == kChannels && !std::is_same_v<Pcm, P24>) {
+      Samples<Pcm> s[kSrc];
+      loadChannels<Pcm>(in, s);
+      return interleave({mixedSide<Pcm>(s[0], s[2]), mixedSide<Pcm>(s[1], s[2])}, out);
+    }
+    Samples<Pcm> stream[kSrc], third[2];
+    loadStream<Pcm>(in, stream);
+    rearrange<2>(stream, out, [](int e) { return e / 2 * kSrc + e % 2; });
+    rearrange<2>(stream, third, [](int e) { return e / 2 * kSrc + 2; });
+    for (int half = 0; half < 2; ++half) out[half] = mixedSide<Pcm>(out[half], third[half]);
   }
 };
 
 struct Quad {
   static constexpr int32_t kChannels = 4;
-  template <class Pcm, class Value>
-  static Stereo<Value> mix(const Value* s) {
-    return {clampedSum<Pcm>(s[0], mixGain<Pcm>(s[2])), clampedSum<Pcm>(s[1], mixGain<Pcm>(s[3]))};
+  template <class Pcm>
+  static Stereo mixFrame(const int32_t* s) {
+    return {mixedSide<Pcm>(s[0], s[2]), mixedSide<Pcm>(s[1], s[3])};
   }
-  // Of pairs, left and right at once. What is added to the front has one sign, so limiting twice is limiting once.
-  static Pairs mixPairs(Pairs front, Pairs back) { return addSaturated(addSaturated(front, back), beyondOne(back)); }
+  template <class Pcm, int32_t kSrc>
+  KESAUDIO_INLINE static void mixStep(const Byte* in, Samples<Pcm> (&out)[2]) {
+    Samples<Pcm> pairs[kSrc / 2][2];
+    loadPairs<Pcm, kSrc>(in, pairs);
+    for (int half = 0; half < 2; ++half) out[half] = mixedSide<Pcm>(pairs[0][half], pairs[1][half]);
+  }
 };
 
 struct Mix5_1 {
   static constexpr int32_t kChannels = 6;
-  template <class Pcm, class Value>
-  static Stereo<Value> mix(const Value* s) {
-    const Value front = mixGain<Pcm>(centre<Pcm>(s[2], mixGain<Pcm>(s[3])));
-    return {clampedSum<Pcm>(s[0], front, mixGain<Pcm>(s[4])), clampedSum<Pcm>(s[1], front, mixGain<Pcm>(s[5]))};
+  template <class Pcm>
+  static Stereo mixFrame(const int32_t* s) {
+    const int32_t gained = mixGain<Pcm>(centre<Pcm>(s[2], s[3]));
+    return {mixedSide<Pcm>(s[0], gained, s[4]), mixedSide<Pcm>(s[1], gained, s[5])};
   }
-  // An intermediate sample: 16 bits wide among 16-bit samples, else 32, which 24-bit ones cannot leave.
-  template <class Pcm, class Value>
-  static Value centre(Value front, Value lfe) {
-    if constexpr (std::is_same_v<Pcm, P24>) return front + lfe;
-    return clampedSum<Pcm>(front, lfe);
+  template <class Pcm, int32_t kSrc>
+  KESAUDIO_INLINE static void mixStep(const Byte* in, Samples<Pcm> (&out)[2]) {
+    Samples<Pcm> pairs[kSrc / 2][2], t;
+    loadPairs<Pcm, kSrc>(in, pairs);
+    if constexpr (std::is_same_v<Pcm, S16>)
+      t = mixedPairs(pairs[1][0], pairs[1][1]);
+    else
+      t = centre<Pcm>(everySecond<0>(pairs[1][0], pairs[1][1]), everySecond<1>(pairs[1][0], pairs[1][1]));
+    unrolled<2>([&](auto half) KESAUDIO_INLINED {
+      out[half] = mixedSide<Pcm>(pairs[0][half], gainedCentre<Pcm, half>(t), pairs[2][half]);
+    });
   }
 };
 
-template <class Pcm>
-Stereo<int32_t> pairwiseAverage(const Byte* in, int32_t channels) {
-  typename Pcm::Sum left = 0, right = 0;
-  for (int32_t c = 0; c < channels; c += 2) left = addWrapping(left, Pcm::load(in + frameBytes<Pcm>(c)));
-  for (int32_t c = 1; c < channels; c += 2) right = addWrapping(right, Pcm::load(in + frameBytes<Pcm>(c)));
-  return {clampTo<Pcm>(left / channels), clampTo<Pcm>(right / channels)};
-}
-
-template <class Pcm, int32_t kChannels>
-Stereo<Words> pairwiseAverage(const Words (&s)[kChannels]) {
-  constexpr int32_t kLeft = (kChannels + 1) / 2, kRight = kChannels / 2;
-  Words left[kLeft], right[kRight + 1] = {};
-  unrolled<kChannels>([&](auto c) __attribute__((always_inline)) { (c % 2 == 0 ? left : right)[c / 2] = s[c]; });
-  return {averagedLanes<Pcm, kChannels>(left), averagedLanes<Pcm, kChannels>(right)};
-}
+struct Pairwise {
+  template <class Pcm>
+  static Stereo mixFrame(const Byte* in, int32_t channels) {
+    typename Pcm::Sum left = 0, right = 0;
+    for (int32_t c = 0; c < channels; c += 2) left = addWrapping(left, Pcm::load(in + frameBytes<Pcm>(c)));
+    for (int32_t c = 1; c < channels; c += 2) right = addWrapping(right, Pcm::load(in + frameBytes<Pcm>(c)));
+    return {clampTo<Pcm>(left / channels), clampTo<Pcm>(right / channels)};
+  }
+  template <class Pcm, int32_t kSrc>
+  KESAUDIO_INLINE static void mixStep(const Byte* in, Samples<Pcm> (&out)[2]) {
+    if constexpr (kSrc % 2 == 0) {
+      Samples<Pcm> pairs[kSrc / 2][2];
+      loadPairs<Pcm, kSrc>(in, pairs);
+      unrolled<2>([&](auto half) KESAUDIO_INLINED {
+        Samples<Pcm> both[kSrc / 2];
+        unrolled<kSrc / 2>([&](auto p) KESAUDIO_INLINED { both[p] = pairs[p][half]; });
+        out[half] = averagedLanes<Pcm, kSrc>(both);
+      });
+    } else {
+      Samples<Pcm> channels[kSrc], left[kSrc / 2 + 1], right[kSrc / 2 + 1] = {};
+      loadChannels<Pcm>(in, channels);
+      unrolled<kSrc>([&](auto c) KESAUDIO_INLINED { (c % 2 == 0 ? left : right)[c / 2] = channels[c]; });
+      interleave({averagedLanes<Pcm, kSrc>(left), averagedLanes<Pcm, kSrc>(right)}, out);
+    }
+  }
+};
 
 // The two blocks of a call.
 struct Blocks {
@@ -82,27 +149,15 @@ struct Blocks {
   int32_t byteCount;
 };
 
-// Runs mixLanes(channels) -> Stereo over a block of kChannels a frame.
-template <class Pcm, int32_t kChannels, class MixLanes>
-void mixSteps(const Blocks& blocks, MixLanes mixLanes) {
-  stepsForwards<kChannels * Pcm::kBytes, 2 * Pcm::kBytes>(blocks.dst, 2 * Pcm::kBytes, blocks.src,
-                                                          frameCount<Pcm>(blocks.byteCount, kChannels),
-                                                          [=](Byte* out, const Byte* in) {
-                                                            Words channels[kChannels];
-                                                            loadChannels<Pcm>(in, channels);
-                                                            const Stereo<Words> stereo = mixLanes(channels);
-                                                            storeStereo<Pcm>(out, stereo.left, stereo.right);
-                                                          });
-}
-
-template <int32_t kChannels>
-void mixPairSteps(const Blocks& blocks) {
-  stepsForwards<kChannels * S16::kBytes, 2 * S16::kBytes>(
-      blocks.dst, 2 * S16::kBytes, blocks.src, frameCount<S16>(blocks.byteCount, kChannels),
-      [](Byte* out, const Byte* in) {
-        Words pairs[kChannels / 2];
-        loadPairs(in, pairs);
-        storeLanes<S32>(out, (Words)Quad::mixPairs((Pairs)pairs[0], (Pairs)pairs[1]));
+// A block of kSrc channels a frame.
+template <class Mix, class Pcm, int32_t kSrc>
+void mixSteps(const Blocks& blocks) {
+  stepsForwards<kStepFrames<Pcm>, kSrc * Pcm::kBytes, 2 * Pcm::kBytes>(
+      blocks.dst, 2 * Pcm::kBytes, blocks.src, frameCount<Pcm>(blocks.byteCount, kSrc),
+      [](Byte* out, const Byte* in) KESAUDIO_INLINED {
+        Samples<Pcm> stereo[2];
+        Mix::template mixStep<Pcm, kSrc>(in, stereo);
+        storeStream<Pcm>(out, stereo);
       });
 }
 
@@ -113,7 +168,7 @@ void mixFrames(const Blocks& blocks, int32_t dstChannels, MixFrame mixFrame) {
   if (dstChannels <= 0) return;
   forwards(blocks.dst, frameBytes<Pcm>(dstChannels), blocks.src, frameBytes<Pcm>(blocks.srcChannels),
            frameCount<Pcm>(blocks.byteCount, blocks.srcChannels), [=](Byte* out, const Byte* in) {
-             const Stereo<int32_t> stereo = mixFrame(in);
+             const Stereo stereo = mixFrame(in);
              Pcm::store(out, stereo.left);
              if (dstChannels > 1) Pcm::store(out + frameBytes<Pcm>(1), stereo.right);
              for (int32_t c = 2; c < dstChannels; ++c) Pcm::store(out + frameBytes<Pcm>(c), 0);
@@ -123,10 +178,10 @@ void mixFrames(const Blocks& blocks, int32_t dstChannels, MixFrame mixFrame) {
 template <class Pcm>
 void mixPairwise(const Blocks& blocks) {
   withChannels(blocks.srcChannels, [&](auto channels) {
-    if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>)
-      mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return pairwiseAverage<Pcm>(lanes); });
+    if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>)
+      mixSteps<Pairwise, Pcm, channels>(blocks);
     else
-      mixFrames<Pcm>(blocks, 2, [=](const Byte* in) { return pairwiseAverage<Pcm>(in, channels); });
+      mixFrames<Pcm>(blocks, 2, [=](const Byte* in) { return Pairwise::mixFrame<Pcm>(in, channels); });
   });
 }
 
@@ -138,16 +193,13 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     // Packed 24-bit frames are as wide as the caller says; the others are stereo whatever it says.
     const int32_t dstChannels = std::is_same_v<Pcm, P24> ? blocks.dstChannels : 2;
     withChannels(dstChannels == 2 ? blocks.srcChannels : 0, [&](auto channels) {
-      if constexpr (kIsConstant<decltype(channels)> && kMixesInLanes<Pcm>) {
-        if constexpr (std::is_same_v<Mix, Quad> && kHasPairs<Pcm, channels> && channels >= Mix::kChannels)
-          mixPairSteps<channels>(blocks);
-        else if constexpr (channels >= Mix::kChannels)
-          mixSteps<Pcm, channels>(blocks, [](const auto& lanes) { return Mix::template mix<Pcm, Words>(lanes); });
+      if constexpr (kIsConstant<decltype(channels)> && kHasLanes<Pcm>) {
+        if constexpr (channels >= Mix::kChannels) mixSteps<Mix, Pcm, channels>(blocks);
       } else {
         mixFrames<Pcm>(blocks, dstChannels, [](const Byte* in) {
           int32_t samples[Mix::kChannels];
           for (int32_t c = 0; c < Mix::kChannels; ++c) samples[c] = Pcm::load(in + frameBytes<Pcm>(c));
-          return Mix::template mix<Pcm, int32_t>(samples);
+          return Mix::template mixFrame<Pcm>(samples);
         });
       }
     });

@@ -8,7 +8,7 @@
 // read before it is overwritten when dst is src or begins anywhere after it in one buffer.
 #include <cstring>
 
-#include "channel/blocks.h"
+#include "channel/moves.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio::channel;
@@ -24,24 +24,28 @@ void upmix(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
   if (dstChannels <= 0) return;
   withPcm(format, [&](auto pcm) {
     using Pcm = decltype(pcm);
-    const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
-    const std::ptrdiff_t dstBytes = frameBytes<Pcm>(dstChannels), srcBytes = frameBytes<Pcm>(srcChannels);
-    if (frames > INT32_MAX / dstBytes) return;
     const auto out = static_cast<Byte*>(dst);
     const auto in = static_cast<const Byte*>(src);
-    const auto byFrames = [=] {
-      backwards(out, dstBytes, in, srcBytes, frames, [=](Byte* outFrame, const Byte* inFrame) {
-        convertFrame(outFrame, inFrame, static_cast<std::size_t>(srcBytes), static_cast<std::size_t>(dstBytes));
-      });
-    };
+    const std::ptrdiff_t srcBytes = frameBytes<Pcm>(srcChannels), dstBytes = frameBytes<Pcm>(dstChannels);
+    bool isDone = false;
     withTwoCounts(srcChannels, dstChannels, [&](auto from, auto to) {
       if constexpr (kIsConstant<decltype(from)> && kHasLanes<Pcm>) {
-        if constexpr (from < to)
-          return stepsBackwards<from * Pcm::kBytes, to * Pcm::kBytes>(
-              out, dstBytes, in, frames,
-              [=](Byte* outFrames, const Byte* inFrames) { move(pcm, from, to, outFrames, inFrames); });
+        if constexpr (from < to) {
+          const int32_t frames = frameCount<Pcm>(byteCount, from);
+          if (frames <= INT32_MAX / (to * Pcm::kBytes))
+            stepsBackwards<kMoveFrames<Pcm, from, to>, from * Pcm::kBytes, to * Pcm::kBytes>(
+                out, to * Pcm::kBytes, in, frames, [=](Byte* outFrames, const Byte* inFrames) KESAUDIO_INLINED {
+                  move(pcm, from, to, outFrames, inFrames);
+                });
+          isDone = true;
+        }
       }
-      byFrames();
+    });
+    if (isDone) return;
+    const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
+    if (frames > INT32_MAX / dstBytes) return;
+    backwards(out, dstBytes, in, srcBytes, frames, [=](Byte* outFrame, const Byte* inFrame) {
+      convertFrame(outFrame, inFrame, static_cast<std::size_t>(srcBytes), static_cast<std::size_t>(dstBytes));
     });
   });
 }
@@ -53,7 +57,7 @@ void channel_UpMix_WithZero(void* dst, int32_t dstChannels, const void* src, int
   if (dstChannels < srcChannels) return;
   upmix(
       dst, dstChannels, src, srcChannels, byteCount, format,
-      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) {
+      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) KESAUDIO_INLINED {
         moveChannels<decltype(pcm), from, to>(
             out, in, [](int c) { return c < decltype(from)::value ? c : decltype(from)::value; });
       },
@@ -68,7 +72,7 @@ void channel_UpMix_Duplicate(void* dst, int32_t dstChannels, const void* src, in
                              PcmFormat format) {
   upmix(
       dst, dstChannels, src, srcChannels, byteCount, format,
-      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) {
+      [](auto pcm, auto from, auto to, Byte* out, const Byte* in) KESAUDIO_INLINED {
         moveChannels<decltype(pcm), from, to>(out, in, [](int c) { return c % decltype(from)::value; });
       },
       [](Byte* out, const Byte* in, std::size_t srcBytes, std::size_t dstBytes) {

@@ -1,20 +1,47 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shifter library for machines without the platform's. A vector of samples at a time is read into 32-bit lanes,
-// in the same way as the channel kernels' (channel/lanes.h), moved by the difference of the full scales, and written.
+// with the channel kernels' vectors (channel/blocks.h), moved by the difference of the full scales, and written.
 // A rest goes the same way through a copy, so that not a byte outside the blocks is touched.
 #include "platform/shifter_lib.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <type_traits>
 
-#include "channel/lanes.h"
+#include "channel/blocks.h"
 
 namespace {
 
 namespace pcm = kesaudio::channel;
 using pcm::Words;
 constexpr uint32_t kLanes = pcm::kLanes;
+
+// ---- samples in lanes
+
+typedef int16_t HalfVector __attribute__((vector_size(2 * kLanes)));
+
+template <class Pcm>
+Words loadLanes(const unsigned char* src) {
+  if constexpr (std::is_same_v<Pcm, pcm::P24>)
+    return pcm::loadPacked<1, 0>(src);
+  else if constexpr (std::is_same_v<Pcm, pcm::S16>)
+    return __builtin_convertvector(pcm::loadVector<HalfVector>(src), Words);
+  else
+    return pcm::loadVector<Words>(src);
+}
+
+template <class Pcm>
+void storeLanes(unsigned char* dst, Words x) {
+  if constexpr (std::is_same_v<Pcm, pcm::P24>) {
+    pcm::storePacked<1, 0>(dst, x);
+  } else if constexpr (std::is_same_v<Pcm, pcm::S16>) {
+    const HalfVector halves = __builtin_convertvector(x, HalfVector);
+    std::memcpy(dst, &halves, sizeof halves);
+  } else {
+    std::memcpy(dst, &x, sizeof x);
+  }
+}
 
 // ---- from one full scale to another
 
@@ -65,7 +92,7 @@ using S24 = Format<pcm::P24, 23>;
 
 template <class From, class To>
 void convertLanes(const unsigned char* src, unsigned char* dst) {
-  pcm::storeLanes<typename To::Pcm>(dst, moved<From, To>(pcm::loadLanes<typename From::Pcm>(src)));
+  storeLanes<typename To::Pcm>(dst, moved<From, To>(loadLanes<typename From::Pcm>(src)));
 }
 
 template <class From, class To>
