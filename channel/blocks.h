@@ -2,7 +2,8 @@
 // Walking a block in steps of whole vectors: how a step's samples come out of memory and go back.
 //
 // A step loads all of its frames before it stores any, so a block can be converted in place in the same direction as
-// frame by frame. What is left over is one more step on a copy: not a byte outside the frames is touched.
+// frame by frame. What is left over is one more step, over frames that were converted already or, where those have
+// been written over, on a copy: not a byte outside the frames is touched.
 //
 // The samples of a step are taken as streams: each group of lanes has frames that follow one another, and vector v of
 // a stream holds what comes v-th in each group. Two channels of a frame, left and right, make a pair.
@@ -16,21 +17,23 @@
 
 namespace kesaudio::channel {
 
-// x86-64 can move single bytes only from SSSE3 on.
-#if defined(__x86_64__) && !defined(__SSSE3__)
+// Before x86-64-v2 single bytes can't be moved, nor can 32 bits be multiplied to 64.
+#if defined(__x86_64__) && !defined(__SSE4_1__)
 inline constexpr bool kMovesBytes = false;
 #else
 inline constexpr bool kMovesBytes = true;
 #endif
 
-// Whether the machine has what the steps of a format are made of. KESAUDIO_PLAIN leaves the loops over single
-// samples, to compare with.
-template <class Pcm>
+// KESAUDIO_PLAIN leaves the loops over single samples, to compare with.
 #if defined(KESAUDIO_PLAIN)
-inline constexpr bool kHasLanes = false;
+inline constexpr bool kIsPlain = true;
 #else
-inline constexpr bool kHasLanes = kMovesBytes || !std::is_same_v<Pcm, P24>;
+inline constexpr bool kIsPlain = false;
 #endif
+
+// Whether the machine has what the steps of a format are made of.
+template <class Pcm>
+inline constexpr bool kHasLanes = !kIsPlain && (kMovesBytes || !std::is_same_v<Pcm, P24>);
 
 // What samples are mixed in: 16-bit ones as they are, the others a sample in 32 bits.
 template <class Pcm>
@@ -206,21 +209,25 @@ inline bool areApart(const Byte* written, std::ptrdiff_t writtenBytes, const Byt
   return a + static_cast<std::uintptr_t>(writtenBytes) <= b || b + static_cast<std::uintptr_t>(readBytes) <= a;
 }
 
-// The frames of a block that are less than a step, done after all others: [done, done + doneFrames). One more step
-// goes over some of those again, from `again` on, unless what it reads has been written over, or runs on a copy.
+// Frames of a block.
+struct Range {
+  std::ptrdiff_t first, count;
+};
+
+// The rest of a block, less than a step, when the others are done. One more step goes over some of those again, from
+// frame `again` on, unless what it reads has been written over; then it runs on a copy.
 template <int kFrames, int kSrcBytes, int kMaxDstBytes, class Step>
-KESAUDIO_INLINE void restStep(Byte* dst, std::ptrdiff_t dstBytes, const Byte* src, std::ptrdiff_t rest,
-                              std::ptrdiff_t restFrames, std::ptrdiff_t done, std::ptrdiff_t doneFrames,
+KESAUDIO_INLINE void restStep(Byte* dst, std::ptrdiff_t dstBytes, const Byte* src, Range rest, Range done,
                               std::ptrdiff_t again, Step step) {
-  alignas(kVectorBytes) Byte in[kSrcBytes * kFrames], out[kMaxDstBytes * kFrames];
-  const bool isCopied = doneFrames == 0 || !areApart(dst + done * dstBytes, doneFrames * dstBytes,
+  Byte in[kSrcBytes * kFrames], out[kMaxDstBytes * kFrames];
+  const bool isCopied = done.count == 0 || !areApart(dst + done.first * dstBytes, done.count * dstBytes,
                                                      src + again * kSrcBytes, kFrames * kSrcBytes);
   if (isCopied) {
     std::memset(in, 0, sizeof in);
-    copyBytes(in, src + rest * kSrcBytes, restFrames * kSrcBytes);
+    copyBytes(in, src + rest.first * kSrcBytes, rest.count * kSrcBytes);
   }
   step(isCopied ? out : dst + again * dstBytes, isCopied ? in : src + again * kSrcBytes);
-  if (isCopied) copyBytes(dst + rest * dstBytes, out, restFrames * dstBytes);
+  if (isCopied) copyBytes(dst + rest.first * dstBytes, out, rest.count * dstBytes);
 }
 
 // Runs step(dst, src), which converts kFrames frames, over the block from its start to its end; dstBytes of a frame,
@@ -231,7 +238,8 @@ KESAUDIO_INLINE void stepsForwards(Byte* dst, std::ptrdiff_t dstBytes, const Byt
   std::ptrdiff_t at = 0;
   for (; at + kFrames <= frames; at += kFrames) step(dst + at * dstBytes, src + at * kSrcBytes);
   if (at < frames)
-    restStep<kFrames, kSrcBytes, kMaxDstBytes>(dst, dstBytes, src, at, frames - at, 0, at, frames - kFrames, step);
+    restStep<kFrames, kSrcBytes, kMaxDstBytes>(dst, dstBytes, src, {at, frames - at}, {0, at}, frames - kFrames,
+                                               step);
 }
 
 // The same from its end to its start.
@@ -240,7 +248,7 @@ KESAUDIO_INLINE void stepsBackwards(Byte* dst, std::ptrdiff_t dstBytes, const By
                                     Step step) {
   std::ptrdiff_t at = frames;
   for (; at >= kFrames; at -= kFrames) step(dst + (at - kFrames) * dstBytes, src + (at - kFrames) * kSrcBytes);
-  if (at > 0) restStep<kFrames, kSrcBytes, kMaxDstBytes>(dst, dstBytes, src, 0, at, at, frames - at, 0, step);
+  if (at > 0) restStep<kFrames, kSrcBytes, kMaxDstBytes>(dst, dstBytes, src, {0, at}, {at, frames - at}, 0, step);
 }
 
 }  // namespace kesaudio::channel

@@ -2,8 +2,8 @@
 // What the machines have an instruction for, or a few, and the compilers' vector extensions no word: on 64-bit Arm,
 // and on x86-64 in registers of 16, 32 or 64 bytes.
 //
-// Pairs of 16-bit samples are worked on as they lie in memory, so results of 32 bits come as two vectors. Theirs is
-// the order of each quarter's elements: first half, second half.
+// 16-bit samples are worked on as they lie in memory, so results of 32 bits come as two vectors: the first of the
+// first four elements of each quarter, the second of the last four. With AVX2 that is 0-3, 8-11 and 4-7, 12-15.
 #ifndef KESAUDIO_CHANNEL_MACHINE_H
 #define KESAUDIO_CHANNEL_MACHINE_H
 
@@ -199,7 +199,8 @@ KESAUDIO_INLINE Words highProduct(Words x) {
   const auto odd = (Words)KESAUDIO_X86(mul_epi32)((Register)((UnsignedLongs)x >> 32), factor);
   return shuffled(even, odd, [](int i) { return i % 2 == 0 ? i + 1 : kLanes + i; });
 #else
-  return x;  // for 24-bit samples only, which have no vectors there
+  static_assert(kFactor < 0, "for packed 24-bit samples, which are not mixed in vectors before SSE4.1");
+  return x;
 #endif
 }
 
@@ -236,6 +237,7 @@ inline constexpr bool kLoadsParts = false;
 template <int kCount, class Vector>
 KESAUDIO_INLINE void loadParts([[maybe_unused]] const Byte* p, [[maybe_unused]] Vector (&parts)[kCount]) {
 #if defined(__aarch64__)
+  // The instruction takes any address; the type of the pointer only says how wide an element is.
   const auto loaded = loadInterleaved<kCount>(reinterpret_cast<const ElementOf<Vector>*>(p));
   unrolled<kCount>([&](auto c) KESAUDIO_INLINED { parts[c] = (Vector)loaded.val[c]; });
 #endif

@@ -36,7 +36,7 @@ KESAUDIO_INLINE Words clampedSum(Words x, Words y, Words z) {
   return addSaturated(addSaturated(x, x < 0 ? more : less), x < 0 ? less : more);
 }
 
-// g(x) of 16-bit samples has 17 bits: x and what is beyond it, of one sign.
+// g(x) of 16-bit samples has 17 bits: x and what is beyond it, of one sign (x < 0 is floor(x * 0.41) < 0).
 struct Gained {
   Shorts x, beyond;
 };
@@ -49,8 +49,9 @@ template <class Pcm>
 KESAUDIO_INLINE Shorts clampedSum(Shorts x, Gained y) {
   return addSaturated(addSaturated(x, y.x), y.beyond);
 }
-// y + z, whose parts beyond fit in 16 bits together, as three terms of one sign: what fits in 16 bits and what two
-// limits have cut off.
+// y + z as three terms of one sign: what fits in 16 bits, and what two limits have cut off. A limit cuts only where
+// both of its terms, and so all three, have one sign; where it cuts nothing its third is 0. The parts beyond fit
+// together.
 template <class Pcm>
 KESAUDIO_INLINE Shorts clampedSum(Shorts x, Gained y, Gained z) {
   const auto cut = [](Shorts a, Shorts b, Shorts limited) KESAUDIO_INLINED {
@@ -63,7 +64,8 @@ KESAUDIO_INLINE Shorts clampedSum(Shorts x, Gained y, Gained z) {
 // ---- averages
 
 // sum / kDivisor, rounded towards zero, of at most eight 16- or 24-bit samples. A factor a little above 1 / kDivisor
-// keeps exact quotients from falling below themselves, and is too little to reach the next.
+// keeps exact quotients from falling below themselves, and is too little to reach the next, however a thread rounds
+// its floating-point numbers: by more than their rounding, by less than 1 / kDivisor of the quotient's unit.
 template <class Pcm, int kDivisor>
 KESAUDIO_INLINE Words quotient(Words sum) {
   if constexpr ((kDivisor & (kDivisor - 1)) == 0) {

@@ -27,8 +27,8 @@ KESAUDIO_INLINE Value mixedSide(Value front, Value back) {
   return clampedSum<Pcm>(front, mixGain<Pcm>(back));
 }
 
-template <class Pcm, class Value, class Gained>
-KESAUDIO_INLINE Value mixedSide(Value front, Gained gainedCentre, Value back) {
+template <class Pcm, class Value, class GainedValue>
+KESAUDIO_INLINE Value mixedSide(Value front, GainedValue gainedCentre, Value back) {
   return clampedSum<Pcm>(front, gainedCentre, mixGain<Pcm>(back));
 }
 
@@ -55,7 +55,8 @@ KESAUDIO_INLINE void interleave(const Vector (&sides)[2], Vector (&out)[2]) {
   rearrange<2>(sides, out, [](int e) { return e % 2 * kGroupElements<Vector> + e / 2; });
 }
 
-// The mixes of a frame s, and of a step's frames.
+// The mixes of a frame s, and of a step, whose result is both sides of the first half of each group's frames and of
+// the second.
 
 struct Front3 {
   static constexpr int32_t kChannels = 3;
@@ -68,13 +69,14 @@ struct Front3 {
     if constexpr (kLoadsParts<kSrc> && kSrc == kChannels && !std::is_same_v<Pcm, P24>) {
       Samples<Pcm> s[kSrc];
       loadChannels<Pcm>(in, s);
-      return interleave({mixedSide<Pcm>(s[0], s[2]), mixedSide<Pcm>(s[1], s[2])}, out);
+      interleave({mixedSide<Pcm>(s[0], s[2]), mixedSide<Pcm>(s[1], s[2])}, out);
+    } else {
+      Samples<Pcm> stream[kSrc], third[2];
+      loadStream<Pcm>(in, stream);
+      rearrange<2>(stream, out, [](int e) { return e / 2 * kSrc + e % 2; });
+      rearrange<2>(stream, third, [](int e) { return e / 2 * kSrc + 2; });
+      for (int half = 0; half < 2; ++half) out[half] = mixedSide<Pcm>(out[half], third[half]);
     }
-    Samples<Pcm> stream[kSrc], third[2];
-    loadStream<Pcm>(in, stream);
-    rearrange<2>(stream, out, [](int e) { return e / 2 * kSrc + e % 2; });
-    rearrange<2>(stream, third, [](int e) { return e / 2 * kSrc + 2; });
-    for (int half = 0; half < 2; ++half) out[half] = mixedSide<Pcm>(out[half], third[half]);
   }
 };
 

@@ -44,6 +44,10 @@ void upmix(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
     if (isDone) return;
     const int32_t frames = frameCount<Pcm>(byteCount, srcChannels);
     if (frames > INT32_MAX / dstBytes) return;
+    if (dstChannels == srcChannels) {
+      if (frames > 0) std::memmove(out, in, static_cast<std::size_t>(frames * dstBytes));
+      return;
+    }
     backwards(out, dstBytes, in, srcBytes, frames, [=](Byte* outFrame, const Byte* inFrame) {
       convertFrame(outFrame, inFrame, static_cast<std::size_t>(srcBytes), static_cast<std::size_t>(dstBytes));
     });

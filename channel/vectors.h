@@ -2,9 +2,13 @@
 // The vector layer: vectors and the moves of their elements that put channels side by side. One body of code for
 // 64-bit Arm and x86-64, in the compilers' vector extensions; what those cannot say is in machine.h.
 //
-// x86-64 moves elements cheaply inside a quarter of 16 bytes, and with AVX-512 from anywhere to anywhere. A vector is
-// therefore kGroups groups, each of which holds frames of its own: with AVX2 the two quarters go through the block in
-// parallel, and no element ever crosses from one to the other.
+// x86-64 moves elements cheaply inside 16 bytes, and with AVX-512 from anywhere to anywhere. A vector is therefore
+// kGroups groups, each of which holds frames of its own: with AVX2 two of them go through a step's frames side by
+// side, and no element ever crosses from one to the other.
+//
+//   element   what the vector's type holds
+//   quarter   16 bytes, whatever the vector's size
+//   group     16 bytes, or with AVX-512 the whole vector
 #ifndef KESAUDIO_CHANNEL_VECTORS_H
 #define KESAUDIO_CHANNEL_VECTORS_H
 
@@ -19,15 +23,17 @@
 #include <immintrin.h>
 #elif defined(__aarch64__)
 #include <arm_neon.h>
+#else
+#error "the kernels' vectors are for 64-bit Arm and x86-64"
 #endif
 
 #include "channel/pcm.h"
 
 // Vectors are passed between functions of one file only, so no other object can disagree about how.
 #pragma GCC diagnostic ignored "-Wpsabi"
+#ifndef __clang__
 // g++ 12 finds the operand that its own 512-bit intrinsics leave undefined.
 #pragma GCC diagnostic ignored "-Wuninitialized"
-#ifndef __clang__
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
@@ -100,7 +106,7 @@ KESAUDIO_INLINE Vector shuffled(Vector x, Vector y, Map) {
   (std::make_integer_sequence<int, kElements<Vector>>());
 }
 
-// Bytes moved within each quarter: byte i of the result is byte Map()(i) of the source, of the whole vector.
+// Bytes moved: byte i of the result is byte Map()(i) of x, both counted through the vector, and in the same quarter.
 template <class Map>
 KESAUDIO_INLINE Words movedBytes(Words x, Map map) {
   return (Words)shuffled((VectorBytes)x, (VectorBytes)x, map);
