@@ -10,8 +10,6 @@
 #ifndef KESAUDIO_CHANNEL_BLOCKS_H
 #define KESAUDIO_CHANNEL_BLOCKS_H
 
-#include <numeric>
-
 #include "channel/frames.h"
 #include "channel/machine.h"
 

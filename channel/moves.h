@@ -7,6 +7,8 @@
 #ifndef KESAUDIO_CHANNEL_MOVES_H
 #define KESAUDIO_CHANNEL_MOVES_H
 
+#include <numeric>
+
 #include "channel/blocks.h"
 
 namespace kesaudio::channel {
@@ -81,6 +83,7 @@ struct Source {
   static constexpr bool isSilent(int i) { return kWindows.from[i * kElementBytes] < 0; }
 };
 
+// The vector, from the first two windows at once (the first twice, where there is one), then from each further one.
 template <class Vector, int kWindow, class From>
 KESAUDIO_INLINE Vector loadFrom(const Byte* src) {
   constexpr int kCount = From::kWindows.count, kSecond = kCount > 1 ? 1 : 0;
