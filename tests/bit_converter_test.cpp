@@ -8,13 +8,6 @@
 
 using Record = KesAudioBitConverterC;
 
-static_assert(list(AT(Open), AT(Close), AT(SetParameter), AT(GetParameter), AT(Reset), AT(Process), AT(mConvertType),
-                   AT(mChannels), AT(mSampleRate), AT(mpTempBuf), AT(mpInternalBuf), AT(mTempBufSize),
-                   AT(mInternalBufSize), AT(mLimiterParam.channels), AT(mLimiterParam.sampleRate),
-                   AT(mLimiterParam.reserved0), AT(mLimiterParam.reserved1), AT(mpLimiter), AT(mState),
-                   sizeof(LimiterParam), sizeof(Record)) ==
-              list(0, 8, 16, 24, 32, 40, 48, 52, 56, 64, 72, 80, 84, 88, 92, 96, 100, 104, 112, 16, 120));
-
 std::ostream& operator<<(std::ostream& out, const LimiterParam& param) {
   const auto& [channels, rate, reserved0, reserved1] = param;
   return out << channels << ' ' << rate << ' ' << reserved0 << ' ' << reserved1 << ' ';

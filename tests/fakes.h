@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -21,9 +20,6 @@
 #include "random.h"
 
 using Bytes = std::vector<std::byte>;
-
-constexpr auto list(auto... values) { return std::array{static_cast<int>(values)...}; }
-#define AT(member) offsetof(Record, member)
 
 constexpr uint32_t kRoom = 1024;  // bytes of the largest block that the heap has
 

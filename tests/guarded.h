@@ -15,7 +15,7 @@ class Guarded {
 
   explicit Guarded(size_t capacity) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    capacity = (capacity + page - 1) / page * page;
+    capacity = (capacity / page + 1) * page;
     void* map = mmap(nullptr, capacity + 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     begin_ = static_cast<uint8_t*>(map) + page;
     end_ = begin_ + capacity;

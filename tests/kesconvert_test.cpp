@@ -39,7 +39,7 @@ class Kesconvert : public testing::Test {
  protected:
   void SetUp() override {
     folder_ = mkdtemp((fs::temp_directory_path() / "kesconvert-XXXXXX").string().data());
-    setenv("K", KESCONVERT_PATH, 1);
+    setenv("K", KESCONVERT, 1);
   }
   void TearDown() override { fs::remove_all(folder_); }
 

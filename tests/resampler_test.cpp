@@ -7,13 +7,6 @@
 
 using Record = KesAudioSrcInC;
 
-static_assert(list(AT(SetParameter), AT(GetParameter), AT(Reset), AT(Open), AT(Close), AT(Process),
-                   AT(MultiChannel_Open), AT(MultiChannel_ResetBuffer), AT(MultiChannel_Process), AT(mTempBufSize),
-                   AT(mInternalBufSize), AT(mpTempBuf), AT(mpInternalBuf), AT(mParam.inSampleRate),
-                   AT(mParam.inChannels), AT(mParam.outSampleRate), AT(mParam.outChannels), AT(mParam.format),
-                   AT(mpResampler), AT(mState), AT(mFirstBlockDone), sizeof(SrcParam), sizeof(Record)) ==
-              list(0, 8, 16, 24, 32, 40, 48, 56, 64, 72, 76, 80, 88, 96, 100, 104, 108, 112, 120, 128, 132, 20, 136));
-
 std::ostream& operator<<(std::ostream& out, const SrcParam& param) {
   const auto& [inRate, in, outRate, outChannels, format] = param;
   return out << inRate << ' ' << in << ' ' << outRate << ' ' << outChannels << ' ' << format << ' ';

@@ -1,0 +1,65 @@
+# What `cmake --install` puts where, as three components: the library (with, off Android, the host's platform libraries
+# in a folder of our own, where ours alone finds them), what is needed to build with it, and the tools. Everything finds
+# its neighbours from where it lies itself, so the whole may be moved. CPack makes a Debian package of each.
+include(CMakePackageConfigHelpers)
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KesAudio)
+
+install(TARGETS kesaudio EXPORT KesAudioTargets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+install(DIRECTORY include/kesaudio DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(EXPORT KesAudioTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
+if(NOT ANDROID)
+  foreach(target ${KESAUDIO_PLATFORM_LIBRARIES})
+    string(REPLACE kesaudio_host_ "" name ${target})
+    set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
+  endforeach()
+  install(TARGETS ${KESAUDIO_PLATFORM_LIBRARIES} EXPORT KesAudioHostTargets
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} LIBRARY DESTINATION ${KESAUDIO_HOST_DIR} COMPONENT library)
+  install(FILES platform/log.h platform/resampler_lib.h platform/limiter_lib.h platform/shifter_lib.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesaudio/platform COMPONENT development)
+  install(EXPORT KesAudioHostTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
+  foreach(level ${KESAUDIO_LEVELS})
+    install(TARGETS kesaudio_${level} COMPONENT library
+      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level} NAMELINK_SKIP)
+    foreach(target ${KESAUDIO_PLATFORM_LIBRARIES})
+      if(TARGET ${target}_${level})
+        install(TARGETS ${target}_${level} COMPONENT library
+          LIBRARY DESTINATION ${KESAUDIO_HOST_DIR}/glibc-hwcaps/${level})
+      endif()
+    endforeach()
+  endforeach()
+endif()
+
+configure_package_config_file(cmake/KesAudioConfig.cmake.in KesAudioConfig.cmake INSTALL_DESTINATION ${package_dir}
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(KesAudioConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KesAudioConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/KesAudioConfigVersion.cmake
+  DESTINATION ${package_dir} COMPONENT development)
+
+# For pkg-config: from the file's own place, unless a folder was given as an absolute path, which then stays.
+set(pc_prefix ${CMAKE_INSTALL_PREFIX})
+if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  file(RELATIVE_PATH upwards /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+  string(REGEX REPLACE "/$" "" upwards ${upwards})
+  set(pc_prefix "\${pcfiledir}/${upwards}")
+endif()
+foreach(folder LIBDIR INCLUDEDIR)
+  set(pc_${folder} ${CMAKE_INSTALL_${folder}})
+  if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_${folder}})
+    set(pc_${folder} "\${prefix}/${CMAKE_INSTALL_${folder}}")
+  endif()
+endforeach()
+configure_file(cmake/kesaudio.pc.in kesaudio.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kesaudio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)
+
+if(TARGET kesconvert)
+  file(RELATIVE_PATH libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(kesconvert PROPERTIES INSTALL_RPATH $ORIGIN/${libraries})
+  install(TARGETS kesconvert RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES tools/kesconvert.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+endif()
+
+if(NOT ANDROID AND NOT CMAKE_CROSSCOMPILING)
+  include(cmake/packages.cmake)
+endif()

@@ -1,0 +1,28 @@
+# What all of our shared libraries have in common.
+#
+#   kesaudio_shared_library(target name level source...)    the file lib<name>.so, for a level of x86-64 or for any ("")
+#
+# Exceptions, run-time types and the C++ runtime stay out: the libraries then need the C library alone, and a caller may
+# bring any C++ runtime or none. They run nothing when they are loaded, so nothing of the C runtime's start-up is linked
+# into them either; its object files may lack the mark that every object of a library needs to have, before the loader
+# lets 64-bit Arm check the targets of its branches (BTI). The NDK's have it.
+#
+# Pages of 16 KiB are what newer devices have, and a segment that is aligned to them can be mapped on any.
+function(kesaudio_shared_library target name level)
+  add_library(${target} SHARED ${ARGN})
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:kesaudio_flags>)
+  set_target_properties(${target} PROPERTIES
+    OUTPUT_NAME ${name} LINKER_LANGUAGE C CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
+    target_compile_options(${target} PRIVATE -mbranch-protection=standard)
+  endif()
+  target_link_options(${target} PRIVATE -Wl,-z,max-page-size=16384 -Wl,-z,relro -Wl,-z,now -Wl,-z,text
+    -Wl,-z,noexecstack $<$<NOT:$<BOOL:${ANDROID}>>:-nostartfiles>)
+  set(folder ${CMAKE_CURRENT_BINARY_DIR})
+  if(level)
+    target_compile_options(${target} PRIVATE -march=${level})
+    string(APPEND folder /glibc-hwcaps/${level})
+  endif()
+  set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY ${folder})
+endfunction()

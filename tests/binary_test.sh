@@ -1,0 +1,41 @@
+#!/bin/sh
+# What the built libraries are as files: the functions that the public headers declare and no other, the C library and
+# the platform's alone behind them, segments for pages of 16 KiB, nothing writable that runs or needs not be writable.
+# Usage: binary_test.sh INCLUDE_DIR LIBRARY OTHER_LIBRARY...; LIBRARY is libkesaudio.so, the others are ours as well.
+set -u
+include=$1 library=$2
+shift
+failed=0
+wrong() { echo "$(basename "$1"): $2"; failed=1; }
+
+declared=$(grep -hoE '^KESAUDIO_API [a-z0-9_]+ [A-Za-z0-9_]+\(' "$include"/kesaudio/*.h | sed 's/.* //; s/(//' | sort)
+exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sort)
+[ -n "$declared" ] && [ "$declared" = "$exported" ] ||
+  wrong "$library" "exports: $(echo $exported), declared are: $(echo $declared)"
+
+platform=$(grep -ohE '(Palix|Limiter|Shifter)_[A-Za-z_]+\(' "$include"/../platform/*_lib.h | tr -d '(')
+for name in __android_log_print $platform; do
+  nm -D --undefined-only "$library" | grep -qw "$name" || wrong "$library" "does not take $name from outside"
+done
+
+dynamic=$(readelf -dW "$library")
+needed=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+  grep -vxE 'libc\.so\.6|lib(log|(palix32|keslimiter|kesshifter)_vendor)\.so|ld-linux.*')
+[ -z "$needed" ] || wrong "$library" "needs more than the C library and the platform: $needed"
+major=$(sed -n 's/#define KESAUDIO_VERSION_MAJOR //p' "$include/kesaudio/version.h")
+echo "$dynamic" | grep -q "(SONAME).*\[libkesaudio\.so\.$major\]" || wrong "$library" "is not libkesaudio.so.$major"
+
+for file in "$@"; do
+  segments=$(readelf -lW "$file") dynamic=$(readelf -dW "$file")
+  [ "$(echo "$segments" | awk '$1 == "LOAD" { print $NF }' | sort -u)" = 0x4000 ] || wrong "$file" 'is not for pages of 16 KiB'
+  echo "$segments" | grep -q 'GNU_RELRO' && echo "$dynamic" | grep -q 'BIND_NOW' || wrong "$file" 'is not read-only once relocated'
+  echo "$segments" | grep -qE 'GNU_STACK.* RW +0' || wrong "$file" 'has an executable stack'
+  echo "$segments" | grep -qE 'LOAD.* RWE' && wrong "$file" 'has writable code'
+  echo "$dynamic" | grep -q 'TEXTREL' && wrong "$file" 'has text relocations'
+  echo "$dynamic" | grep -qE '\((INIT|INIT_ARRAY|FINI|FINI_ARRAY)\)' && wrong "$file" 'runs code when it is loaded'
+  case $(readelf -hW "$file") in
+    *AArch64*) readelf -nW "$file" | grep -q 'AArch64 feature: BTI, PAC' || wrong "$file" 'has no BTI and PAC' ;;
+  esac
+done
+size "$library"
+exit $failed
