@@ -34,28 +34,30 @@
  * order: KES_CONVERT_S16_TO_S32 and so on.
  */
 typedef uint32_t ConvertType;
+
+/* The values of ConvertType that have a name, with what our shifter does to a sample: full scale stays full scale. */
 enum {
-  KES_CONVERT_S16_TO_S32 = 0,
-  KES_CONVERT_S16_TO_Q8_24 = 1,
-  KES_CONVERT_S16_TO_S24 = 2,
-  KES_CONVERT_S32_TO_S16 = 3,
-  KES_CONVERT_S32_TO_Q8_24 = 4,
-  KES_CONVERT_S32_TO_S24 = 5,
-  KES_CONVERT_Q8_24_TO_S16 = 6,
-  KES_CONVERT_Q8_24_TO_S32 = 7,
-  KES_CONVERT_Q8_24_TO_S24 = 8,
-  KES_CONVERT_S24_TO_S16 = 9,
-  KES_CONVERT_S24_TO_S32 = 10,
-  KES_CONVERT_S24_TO_Q8_24 = 11,
-  KES_CONVERT_NOTHING = 12, /* and from here on, but for the limiter */
-  KES_CONVERT_LIMITER = 256,
-  KES_CONVERT_RESERVED = 257,
-  KES_CONVERT_UNSET = 0xFFFF /* after the initialisation */
+  KES_CONVERT_S16_TO_S32 = 0,    /* exact */
+  KES_CONVERT_S16_TO_Q8_24 = 1,  /* exact */
+  KES_CONVERT_S16_TO_S24 = 2,    /* exact */
+  KES_CONVERT_S32_TO_S16 = 3,    /* rounded, clamped */
+  KES_CONVERT_S32_TO_Q8_24 = 4,  /* rounded */
+  KES_CONVERT_S32_TO_S24 = 5,    /* rounded, clamped */
+  KES_CONVERT_Q8_24_TO_S16 = 6,  /* rounded, clamped */
+  KES_CONVERT_Q8_24_TO_S32 = 7,  /* exact up to full scale, clamped beyond */
+  KES_CONVERT_Q8_24_TO_S24 = 8,  /* rounded, clamped */
+  KES_CONVERT_S24_TO_S16 = 9,    /* rounded, clamped */
+  KES_CONVERT_S24_TO_S32 = 10,   /* exact */
+  KES_CONVERT_S24_TO_Q8_24 = 11, /* exact */
+  KES_CONVERT_NOTHING = 12,      /* and from here on, but for the limiter */
+  KES_CONVERT_LIMITER = 256,     /* 8.24 with headroom to 16 bits, by the limiter library */
+  KES_CONVERT_RESERVED = 257,    /* nothing */
+  KES_CONVERT_UNSET = 0xFFFF     /* after the initialisation */
 };
 
 /* What the limiter library is told of the stream: four words, 16 bytes, no padding. */
 typedef struct LimiterParam {
-  uint32_t channels;
+  uint32_t channels;   /* per frame, on both sides */
   uint32_t sampleRate; /* Hz */
   uint32_t reserved0;  /* 0 */
   uint32_t reserved1;  /* 0 */
@@ -69,6 +71,8 @@ enum {
 };
 
 typedef struct KesAudioBitConverterC KesAudioBitConverterC;
+
+/* The record: the operations, then what they keep. */
 struct KesAudioBitConverterC {
   /* State 1 to 2: stores the arguments, unchecked, and forgets any earlier limiter. For KES_CONVERT_LIMITER, and
    * neither number 0, sets the limiter up: asks its library for its buffer sizes, allocates both (none for a size of
@@ -102,16 +106,16 @@ struct KesAudioBitConverterC {
   uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
-  ConvertType mConvertType;
-  uint32_t mChannels;
-  uint32_t mSampleRate;      /* Hz */
-  void* mpTempBuf;           /* the limiter's scratch for every block; null when there is none */
-  void* mpInternalBuf;       /* the limiter's memory of the stream; null when there is none */
-  uint32_t mTempBufSize;     /* bytes, as the limiter asked for when it was last set up */
-  uint32_t mInternalBufSize; /* bytes, likewise */
-  LimiterParam mLimiterParam;
-  void* mpLimiter; /* the limiter's instance; null when Open set none up */
-  ComponentState mState;
+  ConvertType mConvertType;   /* what Process does */
+  uint32_t mChannels;         /* per frame; only the limiter asks */
+  uint32_t mSampleRate;       /* Hz; only the limiter asks */
+  void* mpTempBuf;            /* the limiter's scratch for every block; null when there is none */
+  void* mpInternalBuf;        /* the limiter's memory of the stream; null when there is none */
+  uint32_t mTempBufSize;      /* bytes, as the limiter asked for when it was last set up */
+  uint32_t mInternalBufSize;  /* bytes, likewise */
+  LimiterParam mLimiterParam; /* the stream, as Open told the limiter of it */
+  void* mpLimiter;            /* the limiter's instance; null when Open set none up */
+  ComponentState mState;      /* changed by Open and Close alone */
 };
 
 /* Fills the operations, sets mConvertType to KES_CONVERT_UNSET, mState to 1 and every other member to 0, whatever the

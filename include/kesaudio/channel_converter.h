@@ -34,6 +34,8 @@ enum {
 enum { KES_CHANNEL_CONVERTER_MAX_CHANNELS = 8 };
 
 typedef struct KesAudioChannelConverterInC KesAudioChannelConverterInC;
+
+/* The record: the operations, then what they keep. */
 struct KesAudioChannelConverterInC {
   /* Stores value, unchecked, into the member of the ID. KES_OK in state 1, for unknown IDs too (nothing is stored);
    * KES_REFUSED in state 2. Open replaces all six, so what is stored here never reaches Process. */
@@ -67,10 +69,10 @@ struct KesAudioChannelConverterInC {
   uint32_t (*Process)(KesAudioChannelConverterInC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
-  ComponentState mState;
-  uint32_t mInChannels;
-  uint32_t mOutChannels;
-  PcmFormat mFormat;
+  ComponentState mState;      /* changed by Open and Close alone */
+  uint32_t mInChannels;       /* per input frame */
+  uint32_t mOutChannels;      /* per output frame */
+  PcmFormat mFormat;          /* of both blocks */
   uint32_t mUpmixMode;        /* 0: duplicate channels; any other value: add silent ones */
   ChannelMask mChannelMask;   /* layout of the input; after a downmix, the mask that it used */
   uint32_t mChannelMaskValid; /* 1: mChannelMask counts; any other value: 0xFFFF is used */

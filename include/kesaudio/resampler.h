@@ -34,34 +34,38 @@
  *   4      accepted by SetParameter, but of no known size: Process logs an error and counts in bytes
  */
 typedef uint32_t ResamplerFormat;
+
+/* The values of ResamplerFormat that have a name. */
 enum {
-  KES_RESAMPLER_S16 = 0,
-  KES_RESAMPLER_S16_TO_S32 = 1,
-  KES_RESAMPLER_S32 = 2,
-  KES_RESAMPLER_Q8_24 = 3,
-  KES_RESAMPLER_MAX_FORMAT = 4 /* the last one that SetParameter takes */
+  KES_RESAMPLER_S16 = 0,        /* 2 bytes a sample */
+  KES_RESAMPLER_S16_TO_S32 = 1, /* 2 bytes in, 4 out */
+  KES_RESAMPLER_S32 = 2,        /* 4 bytes */
+  KES_RESAMPLER_Q8_24 = 3,      /* 4 bytes */
+  KES_RESAMPLER_MAX_FORMAT = 4  /* the last one that SetParameter takes */
 };
 
 /* What the library is told of the stream: five words, 20 bytes, no padding. */
 typedef struct SrcParam {
-  uint32_t inSampleRate; /* Hz */
-  uint32_t inChannels;
+  uint32_t inSampleRate;  /* Hz */
+  uint32_t inChannels;    /* per input frame */
   uint32_t outSampleRate; /* Hz */
-  uint32_t outChannels;
-  ResamplerFormat format;
+  uint32_t outChannels;   /* per output frame */
+  ResamplerFormat format; /* of both blocks */
 } SrcParam;
 
 /* Parameter IDs of SetParameter, and the field of mParam that each writes. GetParameter takes the odd ID that
  * follows. */
 enum {
-  KES_RESAMPLER_PARAM_FORMAT = 0,
-  KES_RESAMPLER_PARAM_IN_RATE = 2,
-  KES_RESAMPLER_PARAM_OUT_RATE = 4,
-  KES_RESAMPLER_PARAM_IN_CHANNELS = 6,
-  KES_RESAMPLER_PARAM_OUT_CHANNELS = 8
+  KES_RESAMPLER_PARAM_FORMAT = 0,      /* format: 0 to 4 */
+  KES_RESAMPLER_PARAM_IN_RATE = 2,     /* inSampleRate: any */
+  KES_RESAMPLER_PARAM_OUT_RATE = 4,    /* outSampleRate: any, while open too */
+  KES_RESAMPLER_PARAM_IN_CHANNELS = 6, /* inChannels: any */
+  KES_RESAMPLER_PARAM_OUT_CHANNELS = 8 /* outChannels: any */
 };
 
 typedef struct KesAudioSrcInC KesAudioSrcInC;
+
+/* The record: the operations, then what they keep. */
 struct KesAudioSrcInC {
   /* State 1: stores value into the field of the ID; KES_BAD_PARAMETER, and nothing is stored, for a format above 4 or
    * an ID that is not in the list. State 2: only the output rate can change; it is stored and handed to the library,
@@ -107,11 +111,14 @@ struct KesAudioSrcInC {
    * had (its output stays unpadded and the next block counts as the first). Pointers and counts are not checked. */
   uint32_t (*Process)(KesAudioSrcInC* handle, const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes);
 
-  /* As Open, Reset and Process, for as many output as input channels: MultiChannel_Open gives KES_REFUSED, and stores
-   * nothing, for any others. */
+  /* As Open, for as many output as input channels: KES_REFUSED, and nothing is stored, for any others. */
   uint32_t (*MultiChannel_Open)(KesAudioSrcInC* handle, uint32_t inSampleRate, uint32_t inChannels,
                                 uint32_t outSampleRate, uint32_t outChannels, ResamplerFormat format);
+
+  /* As Reset. */
   uint32_t (*MultiChannel_ResetBuffer)(KesAudioSrcInC* handle);
+
+  /* As Process. */
   uint32_t (*MultiChannel_Process)(KesAudioSrcInC* handle, const void* src, uint32_t* inBytes, void* dst,
                                    uint32_t* outBytes);
 
@@ -119,10 +126,10 @@ struct KesAudioSrcInC {
   uint32_t mInternalBufSize; /* bytes, likewise */
   void* mpTempBuf;           /* scratch for every block; null when there is none */
   void* mpInternalBuf;       /* the library's memory of the stream; null when there is none */
-  SrcParam mParam;
-  void* mpResampler; /* the library's instance */
-  ComponentState mState;
-  uint32_t mFirstBlockDone; /* 0 until a first block was processed, then 1; only the initialisation clears it */
+  SrcParam mParam;           /* the stream, as the last open or SetParameter stored it */
+  void* mpResampler;         /* the library's instance */
+  ComponentState mState;     /* changed by the opens and Close alone */
+  uint32_t mFirstBlockDone;  /* 0 until a first block was processed, then 1; only the initialisation clears it */
 };
 
 /* Fills the operations, sets mState to 1 and every other member to 0, whatever the record held before: it frees

@@ -30,27 +30,35 @@
  *   other                                           as 5
  */
 typedef uint32_t PcmFormat;
-enum { KES_PCM_S16 = 1, KES_PCM_S32 = 3, KES_PCM_Q8_24 = 4, KES_PCM_FLOAT = 5, KES_PCM_S24_PACKED = 6 };
+
+/* The values of PcmFormat that have a name. */
+enum {
+  KES_PCM_S16 = 1,       /* signed 16-bit */
+  KES_PCM_S32 = 3,       /* signed 32-bit */
+  KES_PCM_Q8_24 = 4,     /* 8.24 fixed point: full scale is 2^24, the rest is headroom */
+  KES_PCM_FLOAT = 5,     /* 32-bit float, which no kernel converts */
+  KES_PCM_S24_PACKED = 6 /* signed 24-bit in 3 bytes */
+};
 
 /* Channel positions of an input frame, one bit each, as Android numbers them. The channels of a frame come in the
  * order of their bits. Only a downmix to two channels looks at the positions (channel_DownMix_To_Stereo); elsewhere
  * a mask only chooses between kernels (Audio_Channel_Downmix).
  */
 typedef uint32_t ChannelMask;
+
+/* Positions; and layouts: the two that say that none is in force, then those that have a stereo mix of their own. */
 enum {
-  KES_CHANNEL_FRONT_LEFT = 0x1,
-  KES_CHANNEL_FRONT_RIGHT = 0x2,
-  KES_CHANNEL_FRONT_CENTER = 0x4,
-  KES_CHANNEL_LOW_FREQUENCY = 0x8,
-  KES_CHANNEL_BACK_LEFT = 0x10,
-  KES_CHANNEL_BACK_RIGHT = 0x20,
-  KES_CHANNEL_BACK_CENTER = 0x100,
+  KES_CHANNEL_FRONT_LEFT = 0x1,    /* FL */
+  KES_CHANNEL_FRONT_RIGHT = 0x2,   /* FR */
+  KES_CHANNEL_FRONT_CENTER = 0x4,  /* FC */
+  KES_CHANNEL_LOW_FREQUENCY = 0x8, /* LFE */
+  KES_CHANNEL_BACK_LEFT = 0x10,    /* BL */
+  KES_CHANNEL_BACK_RIGHT = 0x20,   /* BR */
+  KES_CHANNEL_BACK_CENTER = 0x100, /* BC */
 
-  /* No layout in force. The two differ in one place: mixing down to one channel, 0 averages and 0xFFFF folds. */
-  KES_LAYOUT_NONE = 0,
-  KES_LAYOUT_UNKNOWN = 0xFFFF,
+  KES_LAYOUT_NONE = 0,         /* differs from the next in one place: mixing down to one channel, it averages */
+  KES_LAYOUT_UNKNOWN = 0xFFFF, /* there it folds */
 
-  /* The layouts that have a stereo mix of their own. */
   KES_LAYOUT_FRONT = 0x7,         /* FL FR FC */
   KES_LAYOUT_2POINT1 = 0xB,       /* FL FR LFE */
   KES_LAYOUT_STEREO_BACK = 0x103, /* FL FR BC */
@@ -60,6 +68,8 @@ enum {
 
 /* State of a component, in the mState member of its record. */
 typedef uint32_t ComponentState;
+
+/* The two states. */
 enum {
   KES_STATE_CLOSED = 1, /* initialised or closed: parameters can be set */
   KES_STATE_OPEN = 2    /* blocks can be processed */
@@ -67,7 +77,7 @@ enum {
 
 /* Return codes of component operations. */
 enum {
-  KES_OK = 0,
+  KES_OK = 0,            /* done */
   KES_BAD_PARAMETER = 1, /* unknown parameter ID or value out of range; the channel converter never returns it */
   KES_REFUSED = 2 /* not allowed in this state, or failed; the record is unchanged unless its operation says so */
 };

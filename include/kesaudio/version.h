@@ -3,8 +3,11 @@
 #ifndef KESAUDIO_VERSION_H
 #define KESAUDIO_VERSION_H
 
+/* Raised by a release that callers may have to change for. */
 #define KESAUDIO_VERSION_MAJOR 0
+/* Raised by one that only adds. */
 #define KESAUDIO_VERSION_MINOR 1
+/* Raised by one that only corrects. */
 #define KESAUDIO_VERSION_PATCH 0
 
 /* The same as one number that grows with every release, e.g. 10203 for 1.2.3. */
