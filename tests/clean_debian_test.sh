@@ -1,0 +1,27 @@
+#!/bin/sh
+# The packages on a new Debian, in a folder that is thrown away: installed by apt, used, removed, nothing left.
+# Usage: clean_debian_test.sh FOLDER, which holds the .deb files
+set -eu
+packages=$(cd "$1" && pwd)
+tests=$(cd "$(dirname "$0")" && pwd)
+. /etc/os-release
+cat >"$packages/try.sh" <<'END'
+set -eu
+list() { find / -xdev \( -path /var -o -path /etc/ld.so.cache -o -path /tmp -o -path /proc -o -path /sys \) -prune -o -print | sort; }
+export DEBIAN_FRONTEND=noninteractive
+apt-get install -qq --no-install-recommends gcc libc6-dev pkg-config >/dev/null
+list >/tmp/before
+apt-get install -qq --no-install-recommends /tmp/*.deb >/dev/null
+kesconvert --version
+cc /tmp/c_user.c $(pkg-config --cflags --libs kesaudio) -o /tmp/c_user
+/tmp/c_user && echo 'a program in C, built by pkg-config, runs'
+ldconfig -p | grep -E 'lib(log|palix32_vendor|keslimiter_vendor|kesshifter_vendor)\.so' && exit 1
+dpkg --audit
+apt-get purge -qq libkesaudio0 libkesaudio-dev kesaudio-tools >/dev/null
+apt-get autoremove -qq --purge >/dev/null
+list >/tmp/after
+diff /tmp/before /tmp/after && echo 'removed, and nothing is left'
+END
+trap 'rm -f "$packages/try.sh"' EXIT
+mmdebstrap --quiet --variant=apt --customize-hook="copy-in $packages/*.deb $packages/try.sh $tests/c_user.c /tmp" \
+  --customize-hook='chroot "$1" sh /tmp/try.sh >&2' "$VERSION_CODENAME" /dev/null
