@@ -8,7 +8,7 @@ tests=$(cd "$(dirname "$0")" && pwd)
 cat >"$packages/try.sh" <<'END'
 set -eu
 list() { find / -xdev \( -path /var -o -path /etc/ld.so.cache -o -path /tmp -o -path /proc -o -path /sys \) -prune -o -print | sort; }
-export DEBIAN_FRONTEND=noninteractive
+export DEBIAN_FRONTEND=noninteractive DEBCONF_NOWARNINGS=yes
 apt-get install -qq --no-install-recommends gcc libc6-dev pkg-config >/dev/null
 list >/tmp/before
 apt-get install -qq --no-install-recommends /tmp/*.deb >/dev/null
@@ -23,5 +23,5 @@ list >/tmp/after
 diff /tmp/before /tmp/after && echo 'removed, and nothing is left'
 END
 trap 'rm -f "$packages/try.sh"' EXIT
-mmdebstrap --quiet --variant=apt --customize-hook="copy-in $packages/*.deb $packages/try.sh $tests/c_user.c /tmp" \
+mmdebstrap --quiet --variant=apt --customize-hook="cp '$packages'/*.deb '$packages/try.sh' '$tests/c_user.c' \"\$1/tmp\"" \
   --customize-hook='chroot "$1" sh /tmp/try.sh >&2' "$VERSION_CODENAME" /dev/null
