@@ -4,6 +4,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The kesaudio authors <kesaudio@example.org>" CACHE STRING "Maintainer of the packages")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -18,22 +19,19 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libkesaudio${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "${PROJECT_DESCRIPTION}
- The library, and in a folder of its own what stands in for the libraries of Android.")
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The library, and in a folder of its own what stands in for the libraries of Android.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkesaudio-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION}
- Headers, CMake package and pkg-config file.")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, CMake package and pkg-config file.")
 
 if(TARGET kesconvert)
   list(APPEND CPACK_COMPONENTS_ALL tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kesaudio-tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
   set(CPACK_COMPONENT_TOOLS_DEPENDS library)
-  set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${PROJECT_DESCRIPTION}
- kesconvert, which converts audio files through the library.")
+  set(CPACK_COMPONENT_TOOLS_DESCRIPTION "kesconvert, which converts audio files through the library.")
 endif()
 
 # Debian wants the licence in a folder named like the package.
