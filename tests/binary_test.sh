@@ -6,7 +6,7 @@ set -u
 include=$1 library=$2
 shift
 failed=0
-wrong() { echo "$(basename "$1"): $2"; failed=1; }
+wrong() { echo "$1: $2"; failed=1; }
 
 declared=$(grep -hoE '^KESAUDIO_API [a-z0-9_]+ [A-Za-z0-9_]+\(' "$include"/kesaudio/*.h | sed 's/.* //; s/(//' | sort)
 exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sort)
@@ -19,14 +19,17 @@ for name in __android_log_print $platform; do
 done
 
 dynamic=$(readelf -dW "$library")
-needed=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
-  grep -vxE 'libc\.so\.6|lib(log|(palix32|keslimiter|kesshifter)_vendor)\.so|ld-linux.*')
-[ -z "$needed" ] || wrong "$library" "needs more than the C library and the platform: $needed"
 major=$(sed -n 's/#define KESAUDIO_VERSION_MAJOR //p' "$include/kesaudio/version.h")
 echo "$dynamic" | grep -q "(SONAME).*\[libkesaudio\.so\.$major\]" || wrong "$library" "is not libkesaudio.so.$major"
 
 for file in "$@"; do
   segments=$(readelf -lW "$file") dynamic=$(readelf -dW "$file")
+  leaked=$(nm -D --defined-only "$file" | awk '{ print $3 }' |
+    grep -vxF "$(printf '%s\n' __android_log_print $platform $declared)")
+  [ -z "$leaked" ] || wrong "$file" "exports what no header declares: $(echo $leaked)"
+  needed=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+    grep -vxE 'libc\.so\.6|lib(log|(palix32|keslimiter|kesshifter)_vendor)\.so|ld-linux.*')
+  [ -z "$needed" ] || wrong "$file" "needs more than the C library and the platform: $(echo $needed)"
   [ "$(echo "$segments" | awk '$1 == "LOAD" { print $NF }' | sort -u)" = 0x4000 ] || wrong "$file" 'is not for pages of 16 KiB'
   echo "$segments" | grep -q 'GNU_RELRO' && echo "$dynamic" | grep -q 'BIND_NOW' || wrong "$file" 'is not read-only once relocated'
   echo "$segments" | grep -qE 'GNU_STACK.* RW +0' || wrong "$file" 'has an executable stack'
