@@ -60,6 +60,7 @@ if(TARGET kesconvert)
   install(FILES tools/kesconvert.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endif()
 
+# An outer project makes packages of its own.
 if(PROJECT_IS_TOP_LEVEL AND NOT ANDROID AND NOT CMAKE_CROSSCOMPILING)
   include(cmake/packages.cmake)
 endif()
