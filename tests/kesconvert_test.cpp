@@ -5,6 +5,7 @@
 #include <sndfile.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -346,6 +347,8 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
                                                                {"f.rf64", SF_FORMAT_RF64},
                                                                {"f.flac", SF_FORMAT_FLAC},
                                                                {"f.caf", SF_FORMAT_CAF},
+                                                               {"f.au", SF_FORMAT_AU},
+                                                               {"f.rifx", SF_FORMAT_WAV | SF_ENDIAN_BIG},
                                                                {"f.w64", SF_FORMAT_W64}}) {
     write(name, format | SF_FORMAT_PCM_16, 2);
     const std::string whole = contentOf(folder_ / name);
@@ -365,6 +368,53 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
     EXPECT_EQ(run(command), exitCode) << command;
     EXPECT_TRUE(std::regex_match(err_, std::regex("kesconvert: .*" + says + ".*\n"))) << command << "\n" << err_;
     EXPECT_EQ(files(), before) << command;
+  }
+}
+
+// What is there is read, or the file refused, and an existing output stays.
+TEST_F(Kesconvert, MistrustsHeaders) {
+  const struct {
+    const char* name;
+    std::size_t at;
+    std::uint64_t value;  // as it stands in the file, its lowest byte first
+    unsigned bytes;
+    const char* says;
+  } kLies[] = {
+      {"f.wav", 40, 0, 4, "10 frames"},
+      {"f.wav", 40, 39, 4, "9 frames"},
+      {"f.wav", 40, 41, 4, "10 frames"},
+      {"f.wav", 40, 0x12345678, 4, "cut short or damaged: 10 of 76354974"},
+      {"f.wav", 40, 0xFFFFFFFF, 4, "10 frames"},
+      {"f.wav", 4, 0, 4, "10 frames"},
+      {"f.wav", 16, 2, 4, "Short 'fmt ' chunk; give"},
+      {"f.wav", 16, 0xFFFFFFFF, 4, "Short 'fmt ' chunk; give"},
+      {"f.wav", 22, 0, 2, "Channel count is zero; give"},
+      {"f.wav", 22, 0xFFFF, 2, "Too many channels specified; give"},
+      {"f.wav", 24, 0, 4, "its header makes no sense; give"},
+      {"f.wav", 24, 0xFFFFFFFF, 4, "its header makes no sense; give"},
+      {"f.wav", 32, 8, 2, "2 channels of 16 bits, but 8 bytes a frame; get"},
+      {"f.wav", 34, 0, 2, "unimplemented format; give"},
+      {"f.wav", 34, 64, 2, "unimplemented format; give"},
+      {"f.rf64", 28, uint64_t{1} << 63, 8, "10 frames"},
+      {"f.flac", 22, 0, 4, "10 frames"},  // FLAC's and AU's highest byte comes first
+      {"f.flac", 22, 0x0B000000, 4, "damaged: 10 of 11 frames"},
+      {"f.au", 4, 0xFFFFFF7F, 4, "cut short; get"},
+      {"f.au", 8, 0, 4, "10 frames"},
+      {"f.au", 8, 0xFFFFFF7F, 4, "cut short; get"},
+  };
+  put("ten", std::string(40, 'a'));  // which could be a chunk's name
+  for (const auto& [name, at, value, bytes, says] : kLies) {
+    SCOPED_TRACE(testing::Message() << name << " " << value << " at " << at);
+    ASSERT_EQ(run(std::string("$K - ") + name + " --raw 48000:2:s16 <ten"), 0) << err_;
+    std::string file = contentOf(folder_ / name);
+    put(name, file.replace(at, bytes, reinterpret_cast<const char*>(&value), bytes));
+    put("old.wav", "This was here before.\n");
+    const bool fails = run(std::string("$K ") + name + " old.wav") != 0;
+    EXPECT_TRUE(std::regex_search(fails ? err_ : out_,
+                                  std::regex((fails ? "^kesconvert: .*" : "done:   ") + std::string(says))))
+        << out_ << err_;
+    EXPECT_EQ(std::ranges::count(err_, '\n'), fails);
+    EXPECT_EQ(contentOf(folder_ / "old.wav").starts_with("This"), fails);
   }
 }
 

@@ -41,7 +41,8 @@ VirtualFile& fileOf(void* user) { return *static_cast<VirtualFile*>(user); }
 
 sf_count_t seekVirtual(sf_count_t offset, int whence, void* user) {
   VirtualFile& file = fileOf(user);
-  return file.position = offset + (whence == SEEK_CUR ? file.position : whence == SEEK_END ? file.length : 0);
+  const sf_count_t place = offset + (whence == SEEK_CUR ? file.position : whence == SEEK_END ? file.length : 0);
+  return place < 0 ? -1 : file.position = place;
 }
 
 // Moves bytes by call(bytes done, bytes to do) until they are all moved or it returns 0 or fails.
@@ -92,6 +93,7 @@ SNDFILE* openSound(VirtualFile& file, int mode, SF_INFO& info) {
 // libsndfile's reason, without a sound that of the last open.
 std::string reasonOf(SNDFILE* sound) {
   const std::string reason = sf_strerror(sound);
+  if (reason.find("nternal error") != std::string::npos) return "its header makes no sense";
   return reason.substr(0, reason.find_last_not_of(".\n") + 1);
 }
 
@@ -101,28 +103,69 @@ const char* nameOfFormat(int format) {
   return info.name;
 }
 
-std::uint32_t readWord(int fd, off_t at) {
+std::uint32_t readWord(int fd, off_t at, bool bigEndian = false) {
   std::uint32_t word = 0;
-  return pread(fd, &word, sizeof word, at) == sizeof word ? word : 0;
+  if (pread(fd, &word, sizeof word, at) != sizeof word) return 0;
+  return bigEndian ? __builtin_bswap32(word) : word;
 }
 
-// Where a WAV has the chunk, its name and size included; 0 if nowhere.
-off_t findChunk(int fd, const char* name) {
-  char id[4];
-  for (off_t at = 12; pread(fd, id, sizeof id, at) == sizeof id;) {
-    if (std::memcmp(id, name, sizeof id) == 0) return at;
-    const off_t size = readWord(fd, at + 4);
-    at += 8 + size + size % 2;
+// The four letters that containers and their parts begin with; empty where the file ends.
+std::string readName(int fd, off_t at) {
+  char name[4];
+  return pread(fd, name, sizeof name, at) == sizeof name ? std::string(name, sizeof name) : "";
+}
+
+// A WAV or an RF64 as a row of chunks, each with its name and its size before it.
+struct Riff {
+  explicit Riff(int file) : fd(file), bigEndian(readName(file, 0) == "RIFX") {}
+  off_t sizeOf(off_t chunk) const { return readWord(fd, chunk + 4, bigEndian); }
+  off_t after(off_t chunk) const { return chunk + 8 + sizeOf(chunk) + sizeOf(chunk) % 2; }
+
+  // 0 if it is nowhere.
+  off_t find(const char* name) const {
+    off_t at = 12;
+    for (std::string there; (there = readName(fd, at)) != name; at = after(at))
+      if (there.empty()) return 0;
+    return at;
   }
-  return 0;
-}
 
-// Where a WAV says that it has no audio although some follows, as a writer leaves it that cannot go back; else -1.
-off_t unfilledSize(int fd, off_t length) {
-  const off_t data = findChunk(fd, "data") + 8;
-  const off_t end = off_t{8} + readWord(fd, 4);
-  const bool chunksFollow = data < end && end <= length;
-  return data > 8 && readWord(fd, data - 4) == 0 && data < length && !chunksFollow ? data - 4 : -1;
+  bool areChunks(off_t from, off_t end) const {
+    const auto isNamed = [&](off_t at) {
+      return std::ranges::all_of(readName(fd, at), [](unsigned char c) { return std::isprint(c) != 0; });
+    };
+    while (from < end && isNamed(from)) from = after(from);
+    return from == end || from == end + 1;  // the last one's padding may be missing
+  }
+
+  const int fd;
+  const bool bigEndian;
+};
+
+// The part of an AU's header that says where the audio is.
+struct AuHeader {
+  explicit AuHeader(int fd) {
+    const bool bigEndian = readName(fd, 0) == ".snd";
+    start = readWord(fd, 4, bigEndian);
+    bytes = readWord(fd, kBytesAt, bigEndian);
+  }
+  static constexpr off_t kBytesAt = 8;
+  static constexpr off_t kUnknown = 0xFFFFFFFF;
+  off_t start, bytes;
+};
+
+// Where a file says that it has no audio although some follows, as a writer leaves it that cannot go back; else -1.
+off_t unfilledSize(int fd, int major, off_t length) {
+  if (major == SF_FORMAT_AU) {
+    const AuHeader header(fd);
+    return header.bytes == 0 && header.start < length ? AuHeader::kBytesAt : -1;
+  }
+  if (!isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX})) return -1;
+  const Riff riff(fd);
+  const off_t data = riff.find("data"), audio = data + 8;
+  const off_t end = off_t{8} + riff.sizeOf(0);
+  if (data == 0 || riff.sizeOf(data) != 0 || audio >= length) return -1;
+  const bool chunksFollow = audio < end && end <= length && riff.areChunks(audio, end);
+  return chunksFollow ? -1 : data + 4;
 }
 
 // What a file without a channel map is taken for.
@@ -131,10 +174,14 @@ ChannelMask layoutWithoutMap(int major, unsigned channels) {
   return channels <= 2 ? standardLayout(channels) : ChannelMask{KES_LAYOUT_NONE};
 }
 
-// Whether the file ends too early in a way that libsndfile overlooks: inside a WAV's last header field, or anywhere
-// in a W64, which says how long it is as a whole.
+// Whether the file ends too early in a way that libsndfile overlooks: inside a WAV's last header field, in an AU
+// whose size is beyond 31 bits, or anywhere in a W64, which says how long it is as a whole.
 bool isCutUnnoticed(int fd, int major, off_t length) {
-  if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) return length < findChunk(fd, "data") + 8;
+  if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) return length < Riff(fd).find("data") + 8;
+  if (major == SF_FORMAT_AU) {
+    const AuHeader header(fd);
+    return header.bytes != AuHeader::kUnknown && length < header.start + header.bytes;
+  }
   constexpr off_t kWholeLengthAt = 16;
   return major == SF_FORMAT_W64 &&
          length < readWord(fd, kWholeLengthAt) + (off_t{readWord(fd, kWholeLengthAt + 4)} << 32);
@@ -181,8 +228,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   const sf_count_t framesThere = info.frames;
   if (isCutUnnoticed(file_.fd, major, status.st_size)) fail("{} is cut short; {}", name, kAdvice);
   if (isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX, SF_FORMAT_RF64, SF_FORMAT_AIFF, SF_FORMAT_AU, SF_FORMAT_CAF})) {
-    if (info.frames == 0 && isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX}))
-      file_.unknownSizeAt = unfilledSize(file_.fd, status.st_size);
+    if (info.frames == 0) file_.unknownSizeAt = unfilledSize(file_.fd, major, status.st_size);
     info = {};
     setSound(openSound(file_, SFM_READ, info));
   }
@@ -194,6 +240,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
          name, nameOfFormat(subtype), name, isOneOf(subtype, {SF_FORMAT_FLOAT, SF_FORMAT_DOUBLE}) ? 24 : 16);
   format = {info.samplerate, static_cast<unsigned>(info.channels), static_cast<unsigned>(width) + 2};
   container = nameOfFormat(major);
+  if (isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX, SF_FORMAT_RF64})) checkFrameBytes();
   if (raw && S_ISREG(status.st_mode)) info.frames = status.st_size / static_cast<off_t>(format.frameBytes());
   const auto known = static_cast<std::uint64_t>(info.frames);
   if (!standsForUnknown(known * format.frameBytes(), format.frameBytes())) frames = known;
@@ -206,6 +253,16 @@ void AudioSource::setSound(SNDFILE* sound) {
   if (file_.error != 0) failToRead(name_, file_.error);
   if (sound == nullptr)
     fail("cannot read {}: {}; give a complete file, e.g. .wav or .flac", name_, reasonOf(nullptr));
+}
+
+void AudioSource::checkFrameBytes() const {
+  const Riff riff(file_.fd);
+  constexpr off_t kFrameBytesAt = 8 + 12;  // 16 bits
+  const std::uint32_t word = readWord(file_.fd, riff.find("fmt ") + kFrameBytesAt, riff.bigEndian);
+  const std::uint32_t frameBytes = riff.bigEndian ? word >> 16 : word & 0xFFFF;
+  if (frameBytes != format.frameBytes())
+    fail("{} contradicts itself: {} channels of {} bits, but {} bytes a frame; {}", name_, format.channels,
+         format.sampleBytes * 8, frameBytes, kAdvice);
 }
 
 void AudioSource::findLayout(int major) {
@@ -278,7 +335,7 @@ void AudioSink::finish() {
   if (!hasMask_) return;
   // libsndfile keeps a layout only if it places every channel, and otherwise guesses one from their count.
   constexpr off_t kMaskOffset = 8 + 20;
-  const off_t format = findChunk(file_.fd, "fmt ");
+  const off_t format = Riff(file_.fd).find("fmt ");
   if (pwrite(file_.fd, &layout_, sizeof layout_, format + kMaskOffset) != sizeof layout_)
     failToWrite(output_.name(), errno);
 }

@@ -30,10 +30,9 @@ std::optional<int> containerOfName(const std::string& name);
 // What libsndfile reads and writes through.
 struct VirtualFile {
   int fd = -1;
-  bool sequential = false;  // a stream: its position cannot be chosen
-  sf_count_t length = 0;    // what libsndfile is told
-  sf_count_t unknownSizeAt =
-      -1;  // four bytes that are read as FF FF FF FF, a WAV's mark for a size that is not known
+  bool sequential = false;        // a stream: its position cannot be chosen
+  sf_count_t length = 0;          // what libsndfile is told
+  sf_count_t unknownSizeAt = -1;  // four bytes that are read as FF FF FF FF, the mark for a size that is not known
   sf_count_t position = 0;
   int error = 0;  // errno of a call that failed
 };
@@ -57,6 +56,7 @@ class AudioSource {
  private:
   void setSound(SNDFILE* sound);
   void findLayout(int major);
+  void checkFrameBytes() const;
   void checkFrames(std::uint64_t there) const;
 
   std::string name_;
