@@ -266,6 +266,8 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "cat six.bin | $K - six2.wav --raw 48000:6:s24 --layout 5.1 && $K six2.wav out.bin --raw 48000:6:s24 && "
       "cmp out.bin six.bin",
       "cat two.flac | $K - - | cat > out.wav && $K two.flac out2.wav && cmp out.wav out2.wav",
+      R"({ printf 'ID3\3\0\0\0\0\0\12'; head -c 10 /dev/zero; cat two.flac; } > tagged && $K tagged a.wav && )"
+      "$K two.flac b.wav && cmp a.wav b.wav",
       "$K open.wav out2.bin --raw 48000:1:s16 && tail -c +45 old.wav | cmp - out2.bin",
       "$K none.wav out.wav && cmp out.wav none.wav",
       "ln -s target.wav link.wav && $K two.flac link.wav && test -h link.wav && cmp target.wav out2.wav",
@@ -329,7 +331,8 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K none.wav o.wav", "none.wav: No such file or directory; check"},
       {1, "$K 'two\nlines' o.wav", "two.lines: No such file or directory; check"},
       {1, "$K folder o.wav", "folder: Is a directory; check"},
-      {1, "$K text.wav o.wav", "text.wav: .*; give"},
+      {1, "$K text.wav o.wav", "text.wav: it does not begin as WAV, .*; give"},
+      {1, "$K /proc/self/mem old.wav", "/proc/self/mem: Input/output error; check"},
       {1, "$K float.wav o.wav", "float.wav holds 32 bit float samples; .*sox float.wav"},
       {1, "$K ten.wav o.wav", "ten.wav has 10 channels; kesconvert takes 1 to 8"},
       {1, "head -c 7 f.wav | $K - old.wav --raw 8000:2:s16", "- ends inside a frame of 4 bytes; check"},

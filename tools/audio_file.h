@@ -24,7 +24,7 @@ struct StreamFormat {
   std::uint64_t frameBytes() const { return std::uint64_t{channels} * sampleBytes; }
 };
 
-// libsndfile's major format for the extension of a name; empty when it has none.
+// libsndfile's major format for the extension of a name; empty when it is none of the containers that we take.
 std::optional<int> containerOfName(const std::string& name);
 
 // What libsndfile reads and writes through.

@@ -81,7 +81,8 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   app.set_version_flag("--version", fmt::format("kesconvert {}.{}.{}", KESAUDIO_VERSION_MAJOR, KESAUDIO_VERSION_MINOR,
                                                 KESAUDIO_VERSION_PATCH));
   app.option_defaults()->always_capture_default();
-  app.add_option("IN", options.in, "file of 16, 24 or 32-bit PCM: WAV, FLAC, AIFF, ...; - is standard input")
+  app.add_option("IN", options.in,
+                 "file of 16, 24 or 32-bit PCM: WAV, RF64, W64, AIFF, CAF, FLAC or AU; - is standard input")
       ->required();
   app.add_option("OUT", options.out, "file, its container by its extension; - is standard output, a WAV")->required();
   app.add_option("--channels", options.channels, "channels of the output, as many as the input's if not given")
