@@ -341,6 +341,7 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K f.wav o.ogg", "o.ogg: .*; use"},
       {1, "$K wide.wav old.flac", "old.flac: FLAC .* does not take 2 channels of 32 bits; use"},
       {1, "$K f.wav ./f.wav", "f.wav is the input itself; give"},
+      {1, "(ulimit -f 99; $K - - --raw 8000:2:s16 <f.wav >>f.wav)", "- is the input itself; give"},
       {1, "$K f.wav /dev/full", "/dev/full: No space left on device; make room"},
       {1, "$K f.wav /dev/full --raw 48000:2:s16", "/dev/full: No space left on device; make room"},
       {1, "(ulimit -f 1; $K f.wav old.wav --channels 8)", "old.wav: File too large; make room"},

@@ -87,20 +87,18 @@ Descriptor openInput(const std::string& name, bool seekable) {
 
 OutputFile::OutputFile(const std::string& name, bool seekable, const Descriptor& input) : name_(name) {
   struct stat old {};
-  const bool exists = stat(name.c_str(), &old) == 0;
-  if (!exists && errno != ENOENT && name != "-") failToWrite(name, errno);
+  const bool exists = name == "-" ? fstat(STDOUT_FILENO, &old) == 0 : stat(name.c_str(), &old) == 0;
+  if (!exists && errno != ENOENT) failToWrite(name, errno);
+  const struct stat source = input.status();
+  if (exists && S_ISREG(old.st_mode) && old.st_dev == source.st_dev && old.st_ino == source.st_ino)
+    fail("{} is the input itself; give the output another name", name);
   if (name == "-" || (exists && !S_ISREG(old.st_mode))) {
     target_ = Descriptor(name == "-" ? dup(STDOUT_FILENO) : open(name.c_str(), O_WRONLY | O_CLOEXEC));
     if (target_.get() < 0) failToWrite(name, errno);
     if (seekable) copy_ = namelessFile();
     return;
   }
-  if (exists) {
-    const struct stat source = input.status();
-    if (old.st_dev == source.st_dev && old.st_ino == source.st_ino)
-      fail("{} is the input itself; give the output another name", name);
-    if (faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) != 0) failToWrite(name, errno);
-  }
+  if (exists && faccessat(AT_FDCWD, name.c_str(), W_OK, AT_EACCESS) != 0) failToWrite(name, errno);
   createBeside();
   if (exists) fchmod(target_.get(), old.st_mode & 0777);
 }
