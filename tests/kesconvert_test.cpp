@@ -345,7 +345,10 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K f.wav /dev/full", "/dev/full: No space left on device; make room"},
       {1, "$K f.wav /dev/full --raw 48000:2:s16", "/dev/full: No space left on device; make room"},
       {1, "(ulimit -f 1; $K f.wav old.wav --channels 8)", "old.wav: File too large; make room"},
+      {1, "cat f.wav | TMPDIR=/none $K - old.wav", "temporary copy, .*TMPDIR says: No such file or directory; check"},
   };
+  if (run("(ulimit -v 30000; $K --version)") == 0)  // under a sanitizer or an emulator it does not even start
+    cases.push_back({1, "(ulimit -v 30000; $K f.wav old.wav --block 1048576 --channels 8)", "out of memory; close"});
   for (const auto& [name, format] : std::map<std::string, int>{{"f.wav", SF_FORMAT_WAV},
                                                                {"f.aiff", SF_FORMAT_AIFF},
                                                                {"f.rf64", SF_FORMAT_RF64},

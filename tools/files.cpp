@@ -31,7 +31,10 @@ extern "C" void removeTemporaryAndDie(int signal) {
 }
 
 Descriptor namelessFile() {
-  std::string name = fs::temp_directory_path() / "kesconvert-XXXXXX";
+  std::error_code none;
+  const fs::path folder = fs::temp_directory_path(none);
+  if (none) failToWrite(kTemporaryCopy, none.value());
+  std::string name = folder / "kesconvert-XXXXXX";
   Descriptor file(mkostemp(name.data(), O_CLOEXEC));
   if (file.get() < 0) failToWrite(kTemporaryCopy, errno);
   unlink(name.c_str());

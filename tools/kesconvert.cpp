@@ -89,7 +89,7 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
       ->check(CLI::Range(1u, kMaxChannels));
   CLI::Option* const rate =
       app.add_option("--rate", options.rate, "sampling rate of the output in Hz, the input's if not given")
-          ->check(CLI::Range(4000, 768000).description("4000 to 768000"));
+          ->check(CLI::Range(kLeastRate, kMostRate).description(fmt::format("{} to {}", kLeastRate, kMostRate)));
   app.add_flag("--multichannel", options.wishes.multichannel,
                "resample stereo too as every other number of channels: by the multichannel resampler")
       ->needs(rate);
@@ -137,8 +137,8 @@ class Progress {
     std::string text = fmt::format("{} frames", frames);
     if (allFrames_) {
       constexpr std::uint64_t kWidth = 50;
-      text = fmt::format("[{:<{}}] {} %", std::string(frames * kWidth / *allFrames_, '#'), kWidth,
-                         frames * 100 / *allFrames_);
+      const std::uint64_t all = std::max(*allFrames_, frames);  // a raw file may still grow
+      text = fmt::format("[{:<{}}] {} %", std::string(frames * kWidth / all, '#'), kWidth, frames * 100 / all);
     }
     std::fputs(("\r" + text).c_str(), stderr);
   }
@@ -273,6 +273,8 @@ int main(int argc, char** argv) {
   } catch (const Failure& failure) {
     message = failure.what();
     code = failure.exitCode;
+  } catch (const std::bad_alloc&) {
+    message = "out of memory; close other programs, or give a smaller --block";
   } catch (const std::exception& error) {
     message = error.what();
   }

@@ -49,7 +49,7 @@ ProcessCall channelConverter(unsigned inChannels, unsigned outChannels, PcmForma
 ProcessCall bitConverter(const Form& in, ConvertType type) {
   const auto record = makeRecord(InitKesAudioBitConverterC);
   if (record->Open(record.get(), static_cast<std::uint32_t>(in.rate), in.channels, type) != KES_OK)
-    fail("out of memory; close other programs");
+    throw std::bad_alloc();
   return callOf(record, record->Process);
 }
 
@@ -125,8 +125,12 @@ Step resampleTo(int rate, const Form& in, bool multichannel) {
   const auto open = plain ? record->Open : record->MultiChannel_Open;
   const ProcessCall process = callOf(record, plain ? record->Process : record->MultiChannel_Process);
   if (open(record.get(), static_cast<std::uint32_t>(in.rate), in.channels, static_cast<std::uint32_t>(rate),
-           in.channels, format) != KES_OK)
-    fail("cannot resample an input of {} Hz; leave --rate out, or give one of 4000 to 768000 Hz", in.rate);
+           in.channels, format) != KES_OK) {
+    if (in.rate < kLeastRate || in.rate > kMostRate)
+      fail("cannot resample an input of {} Hz; leave --rate out, or give one of {} to {} Hz", in.rate, kLeastRate,
+           kMostRate);
+    throw std::bad_alloc();
+  }
   // An empty first block, since the first one is made as long as its input by silence before it: a delay here.
   std::uint32_t noInput = 0, noOutput = 0;
   process(nullptr, &noInput, nullptr, &noOutput);
