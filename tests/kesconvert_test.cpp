@@ -274,9 +274,10 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "mkfifo p && { cat p > out4.wav & $K two.flac p; } && wait && cmp out4.wav out2.wav && test -p p",
       "chmod 640 out.wav && $K two.flac out.wav && test $(stat -c %a out.wav) = 640",
       "head -c 9999999 /dev/zero | $K - - --raw 8000:1:s16 2>quiet | head -c 1 && ! grep kesconvert: quiet",
-      "mkfifo q && exec 3<>q && { $K q stopped.wav --raw 8000:1:s16 & } && while ! ls .kesconvert-* && kill -0 $!; "
-      "do :; done; "
-      "kill $! && ! wait $! && ! ls .kesconvert-* && ! ls stopped.wav",
+      "for s in TERM INT HUP KILL; do rm -f q; mkfifo q; exec 3<>q; cp old.wav o.wav; head -c 60000 /dev/zero >&3; "
+      "env --default-signal $K q o.wav --raw 8000:1:s16 & while [ ! -s .kesconvert-* ] && kill -0 $!; do :; done; "
+      "kill -$s $! && ! wait $! && cmp old.wav o.wav || exit 1; "
+      "[ $s = KILL ] || ! ls .kesconvert-* || exit 1; done; rm .kesconvert-*",
       R"(printf '\000\100\000\200\377\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
       "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 samples clipped' says",
       "$K two.flac a.wav --rate 44100 && $K two.flac b.wav --rate 44100 --multichannel --block 7 && cmp a.wav b.wav",
@@ -332,12 +333,14 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K 'two\nlines' o.wav", "two.lines: No such file or directory; check"},
       {1, "$K folder o.wav", "folder: Is a directory; check"},
       {1, "$K text.wav o.wav", "text.wav: it does not begin as WAV, .*; give"},
+      {1, "$K /proc/self/mem old.wav --raw 8000:1:s16", "/proc/self/mem: Input/output error; check"},
       {1, "$K /proc/self/mem old.wav", "/proc/self/mem: Input/output error; check"},
       {1, "$K float.wav o.wav", "float.wav holds 32 bit float samples; .*sox float.wav"},
       {1, "$K ten.wav o.wav", "ten.wav has 10 channels; kesconvert takes 1 to 8"},
       {1, "head -c 7 f.wav | $K - old.wav --raw 8000:2:s16", "- ends inside a frame of 4 bytes; check"},
       {1, "$K f.wav nowhere/o.wav", "nowhere/o.wav: No such file or directory; check"},
       {1, "$K f.wav folder", "folder: Is a directory; check"},
+      {1, "$K f.wav /sys/o.wav", "/sys/o.wav: (Permission denied|Read-only file system); check"},
       {1, "$K f.wav o.ogg", "o.ogg: .*; use"},
       {1, "$K wide.wav old.flac", "old.flac: FLAC .* does not take 2 channels of 32 bits; use"},
       {1, "$K f.wav ./f.wav", "f.wav is the input itself; give"},
@@ -345,8 +348,12 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K f.wav /dev/full", "/dev/full: No space left on device; make room"},
       {1, "$K f.wav /dev/full --raw 48000:2:s16", "/dev/full: No space left on device; make room"},
       {1, "(ulimit -f 1; $K f.wav old.wav --channels 8)", "old.wav: File too large; make room"},
+      {1, "cat f.wav | (ulimit -f 1; $K - old.wav)", "temporary copy, .*TMPDIR says: File too large; make room"},
       {1, "cat f.wav | TMPDIR=/none $K - old.wav", "temporary copy, .*TMPDIR says: No such file or directory; check"},
   };
+  if (run("unshare -rm true") == 0)
+    cases.push_back({1, "unshare -rm sh -c 'mount -t tmpfs -o size=8k none folder && $K f.wav folder/o.wav'",
+                     "folder/o.wav: No space left on device; make room"});
   if (run("(ulimit -v 30000; $K --version)") == 0)  // under a sanitizer or an emulator it does not even start
     cases.push_back({1, "(ulimit -v 30000; $K f.wav old.wav --block 1048576 --channels 8)", "out of memory; close"});
   for (const auto& [name, format] : std::map<std::string, int>{{"f.wav", SF_FORMAT_WAV},
@@ -363,6 +370,12 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       put(std::to_string(bytes) + name, whole.substr(0, bytes));
       cases.push_back({1, "$K " + std::to_string(bytes) + name + " old.wav", name});
     }
+  }
+  // Cut at every byte.
+  for (const std::string name : {"small.wav", "small.flac"}) {
+    ASSERT_EQ(run("head -c 8 f.wav >eight && $K eight " + name + " --raw 48000:2:s16"), 0) << err_;
+    for (std::size_t bytes = fs::file_size(folder_ / name); bytes-- > 0;)
+      cases.push_back({1, "head -c " + std::to_string(bytes) + " " + name + " | $K - old.wav", ""});
   }
   write("float.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 2);
   write("wide.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_32, 2);
