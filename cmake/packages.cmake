@@ -2,9 +2,9 @@
 # that libraries go where Debian has those of the machine.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_CONTACT "The kesaudio authors <kesaudio@example.org>" CACHE STRING "Maintainer of the packages")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Conversion of channels, sampling rate and sample format of PCM")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -19,7 +19,7 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libkesaudio${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The library, and in a folder of its own what stands in for the libraries of Android.")
+set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The library, and in a folder of its own what stands in for Android's libraries.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkesaudio-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -34,10 +34,7 @@ if(TARGET kesconvert)
   set(CPACK_COMPONENT_TOOLS_DESCRIPTION "kesconvert, which converts audio files through the library.")
 endif()
 
-# Debian wants the licence in a folder named like the package.
-foreach(component ${CPACK_COMPONENTS_ALL})
-  string(TOUPPER ${component} name)
-  install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME}
-    RENAME copyright COMPONENT ${component})
-endforeach()
+# What Debian wants in a package beside what is installed.
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian_documents.cmake)
+set(CPACK_KESAUDIO_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 include(CPack)
