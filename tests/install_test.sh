@@ -17,8 +17,16 @@ use() {
   [ "$(PKG_CONFIG_PATH=$pc pkg-config --modversion kesaudio)" = "$version" ] || die "$1: kesaudio.pc is not of $version"
   quietly cc -std=c99 "$source/tests/c_user.c" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs kesaudio) -o c_user
   quietly env LD_LIBRARY_PATH="$libraries" ./c_user
-  log=$(LD_LIBRARY_PATH="$libraries" ldd ./c_user | sed -n 's/.*liblog\.so => \(.*\) (.*/\1/p')
-  [ "$(readlink -f "$log")" = "$libraries/kesaudio/liblog.so" ] || die "$1: the host's log is not in a folder of ours"
+  loaded() { readlink -f "$(LD_LIBRARY_PATH="$libraries" ldd ./c_user | sed -n "s/.*$1 => \(.*\) (.*/\1/p")"; }
+  [ "$(loaded liblog.so)" = "$libraries/kesaudio/liblog.so" ] || die "$1: the host's log is not in a folder of ours"
+  for library in libkesaudio.so.0 libpalix32_vendor.so libkesshifter_vendor.so; do
+    case $(grep -c ' avx2 ' /proc/cpuinfo):$(loaded $library) in
+      0:* | *glibc-hwcaps*) ;;
+      *) [ ! -e "$libraries/glibc-hwcaps" ] || die "$1: $library is not the one for this processor" ;;
+    esac
+  done
+  quietly c++ -x c++ "$source/tests/c_user.c" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs kesaudio) -o cxx_user
+  quietly env LD_LIBRARY_PATH="$libraries" ./cxx_user
   quietly cmake -G Ninja -S "$source/tests/stranger" -B "$1-user" -DKesAudio_ROOT="$PWD/$1"
   quietly cmake --build "$1-user"
   quietly "$1-user/c_user"
