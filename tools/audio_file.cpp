@@ -41,8 +41,10 @@ VirtualFile& fileOf(void* user) { return *static_cast<VirtualFile*>(user); }
 
 sf_count_t seekVirtual(sf_count_t offset, int whence, void* user) {
   VirtualFile& file = fileOf(user);
-  const sf_count_t place = offset + (whence == SEEK_CUR ? file.position : whence == SEEK_END ? file.length : 0);
-  return place < 0 ? -1 : file.position = place;
+  const sf_count_t origin = whence == SEEK_CUR ? file.position : whence == SEEK_END ? file.length : 0;
+  sf_count_t place = 0;  // a header's numbers lead anywhere
+  if (__builtin_add_overflow(origin, offset, &place) || place < 0) return -1;
+  return file.position = place;
 }
 
 // Moves bytes by call(bytes done, bytes to do) until they are all moved or it returns 0 or fails.

@@ -64,9 +64,9 @@ while [ $n -lt $((first + files)) ]; do
     timeout 10 $kesconvert $out - >/dev/null 2>errors || found='makes an output that cannot be read'
   else
     refused=$((refused + 1))
-    [ $code -lt 3 ] || found="exits with $code"
     [ "$(wc -l <errors)" = 1 ] && grep -q '^kesconvert: .' errors || found='does not say in one line what is wrong'
     [ "$(cat $out)" = "$old" ] || found='loses the old output'
+    [ $code -lt 3 ] || found="exits with $code"
     sed 's/[0-9][0-9]* of [0-9]* frames/N of N frames/; s/[0-9][0-9]* \(Hz\|channels\)/N \1/g' errors >&3
   fi
   rm -f $in $out says errors
