@@ -22,7 +22,7 @@ namespace {
 
 class Player : BesideModel<Record> {
  public:
-  explicit Player(uint32_t seed) : BesideModel("KesAudioBitConverterc", seed) { init(); }
+  explicit Player(Random& random) : BesideModel("KesAudioBitConverterc", random) { init(); }
 
   // Does one random operation to the record, then to the model, and compares all that was seen.
   void play() {

@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "guarded.h"
 #include "oracle.h"
 #include "platform/log.h"
 #include "random.h"
@@ -21,7 +22,7 @@ struct Model {  // the members behind the operations, in their order
 
 class Player {
  public:
-  explicit Player(uint32_t seed) : random_(seed) {
+  explicit Player(Random& random) : random_(random) {
     std::memset(&record_, 0xEE, sizeof record_);
     std::memset(&model_, 0xEE, sizeof model_);
     init();
@@ -83,36 +84,39 @@ class Player {
 
   // Offers a random block to the component, or with a mask of its own to an entry point.
   void process(bool entry) {
-    Bytes src(600), dst(8192, 0xA5);
-    for (uint8_t& byte : src) byte = random_.byte();
-    uint32_t inBytes = random_.oneIn(9) ? 0 : random_.below(601),
-             outBytes = random_.oneIn(9) ? 0 : random_.below(2000);
-    const bool noSrc = !entry && random_.oneIn(20), noDst = !entry && random_.oneIn(20);
-    const bool accepted = model_.open() && !noSrc && !noDst && inBytes && outBytes;
     const uint32_t in = entry ? count() : model_.in, out = entry ? count() : model_.out;
     const uint32_t format = entry ? random_.below(8) : model_.format;
     const bool upmix = entry ? random_.oneIn(2) : in < out;
+    const uint32_t held = random_.oneIn(9) ? 0 : random_.below(601);
+    uint32_t inBytes = held, outBytes = random_.oneIn(9) ? 0 : random_.below(2000);
+    if (out < 10 && random_.oneIn(9)) outBytes = UINT32_MAX, inBytes += random_.from({0u, 1u << 31});
+    const bool noSrc = !entry && random_.oneIn(20), noDst = !entry && random_.oneIn(20);
+    const bool accepted = model_.open() && !noSrc && !noDst && inBytes && outBytes;
     uint32_t mask = random_.from({0u, 0xFFFFu, 0x7u, 0x33u, 0x3Fu, 0x1u, 0x1003Fu, 0x80000000u});
     if (!entry) mask = upmix ? model_.upmixMode : model_.maskValid == 1 ? model_.mask : 0xFFFF;
     if (!entry && accepted && in > out) model_.mask = mask;
 
+    Random noise(random_.word());
+    uint8_t* const src = src_.place(held, random_.oneIn(2));
+    std::generate_n(src, held, [&] { return noise.byte(); });
     EntryResult expected{inBytes, outBytes, {}};
     if (entry || (accepted && in != out))
-      expected = entryResult(upmix, in, out, format, src.data(), inBytes, outBytes, mask);
-    expected.written.resize(dst.size(), 0xA5);
-    const void* from = noSrc ? nullptr : src.data();
-    void* to = noDst ? nullptr : dst.data();
+      expected = entryResult(upmix, in, out, format, src, inBytes, outBytes, mask);
+    uint8_t* const dst = dst_.place(expected.written.size(), random_.oneIn(2));  // not the capacity
+    const void* from = noSrc ? nullptr : src;
+    void* to = noDst ? nullptr : dst;
     const uint32_t code =
         !entry  ? record_.Process(&record_, from, &inBytes, to, &outBytes)
         : upmix ? static_cast<uint32_t>(Audio_Channel_Upmix(in, out, format, from, &inBytes, to, &outBytes, mask))
                 : Audio_Channel_Downmix(in, out, format, from, &inBytes, to, &outBytes, mask);
     EXPECT_EQ(code, entry ? upmix && in > out ? 0xFFFFFFFF : 0 : accepted ? 0u : 2u);
     EXPECT_EQ(std::pair(inBytes, outBytes), std::pair(expected.inBytes, expected.outBytes));
-    EXPECT_TRUE(dst == expected.written)
+    EXPECT_TRUE(std::equal(expected.written.begin(), expected.written.end(), dst) && dst_.surroundingsIntact())
         << (upmix ? "up " : "down ") << in << " -> " << out << ", format " << format << ", mask " << mask;
   }
 
-  Random random_;
+  Random& random_;
+  Guarded src_{1024}, dst_{8192};
   KesAudioChannelConverterInC record_;
   Model model_;
 };
@@ -121,7 +125,8 @@ TEST(Threads, DriveSeparateConvertersThatEqualTheirModel) {
   std::vector<std::thread> threads;
   for (uint32_t seed = 0; seed < 4; ++seed)
     threads.emplace_back([seed] {
-      Player player(seed);
+      Random random(seed);
+      Player player(random);
       for (int step = 0; step < 30000 && !testing::Test::HasFailure(); ++step) player.play();
     });
   for (std::thread& thread : threads) thread.join();

@@ -66,6 +66,8 @@ inline void appendSample(Bytes& out, int64_t value, int32_t bytes) {
   for (int32_t i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
 }
 inline int64_t floorDivided(int64_t value, int64_t divisor) { return value / divisor - (value % divisor < 0); }
+// Sums of 16 and 24 bits wrap in 32.
+inline int64_t summed(int64_t sum, int32_t bytes) { return bytes == 4 ? sum : static_cast<int32_t>(sum); }
 inline int64_t gained(int64_t x) { return limited(floorDivided(x * 46346, 32768), 4); }
 
 inline Frame stereoFrame(const Call& call, const Frame& s) {
@@ -81,7 +83,7 @@ inline Frame stereoFrame(const Call& call, const Frame& s) {
     left = s[0] + gained(centre) + gained(s[4]), right = s[1] + gained(centre) + gained(s[5]);
   } else {
     for (size_t c = 0; c < s.size(); ++c) (c % 2 ? right : left) += s[c];
-    return {limited(left / n, bytes), limited(right / n, bytes)};
+    return {limited(summed(left, bytes) / n, bytes), limited(summed(right, bytes) / n, bytes)};
   }
   Frame out{limited(left, bytes), limited(right, bytes)};
   if (bytes == 3) out.resize(static_cast<size_t>(std::max(call.dstChannels, 0)), 0);
@@ -92,23 +94,21 @@ inline Frame stereoFrame(const Call& call, const Frame& s) {
 inline Frame outputFrame(const Call& call, const Frame& s) {
   const int32_t bytes = call.sampleBytes();
   const auto n = static_cast<int64_t>(s.size());
-  Frame out(static_cast<size_t>(std::max(call.dstChannels, 0)), 0);
   int64_t sum = 0, divisor = 32768;
-  switch (call.kernel) {
-    case kStrip:
-    case kZeroFill: std::copy_n(s.begin(), std::min(out.size(), s.size()), out.begin()); break;
-    case kDuplicate:
-      for (size_t j = 0; j < out.size(); ++j) out[j] = s[j % s.size()];
-      break;
-    case kAverage:
-      for (int64_t x : s) sum += x;
-      return {limited(sum / n, bytes)};
-    case kFold:
-      for (int64_t room = 1; bytes == 4 && room < 2 * n; room *= 2) divisor *= 2;
-      for (int64_t x : s) sum += floorDivided(x * 46346, divisor);
-      out.assign(out.size(), limited(sum, bytes));
-      break;
-    default: return stereoFrame(call, s);
+  if (call.kernel == kToStereo) return stereoFrame(call, s);
+  if (call.kernel == kAverage) {
+    for (int64_t x : s) sum += x;
+    return {limited(summed(sum, bytes) / n, bytes)};
+  }
+  Frame out(static_cast<size_t>(std::max(call.dstChannels, 0)), 0);
+  if (call.kernel == kFold) {
+    for (int64_t room = 1; bytes == 4 && room < 2 * n; room *= 2) divisor *= 2;
+    for (int64_t x : s) sum += floorDivided(x * 46346, divisor);
+    out.assign(out.size(), limited(summed(sum, bytes), bytes));
+  } else if (call.kernel == kDuplicate) {
+    for (size_t j = 0; j < out.size(); ++j) out[j] = s[j % s.size()];
+  } else {
+    std::copy_n(s.begin(), std::min(out.size(), s.size()), out.begin());
   }
   return out;
 }

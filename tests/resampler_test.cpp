@@ -22,7 +22,7 @@ constexpr char kTag[] = "KesAudioSrcInC";  // of every log line
 
 class Player : BesideModel<Record> {
  public:
-  explicit Player(uint32_t seed) : BesideModel(kTag, seed) { init(); }
+  explicit Player(Random& random) : BesideModel(kTag, random) { init(); }
 
   // Does one random operation to the record, then to the model, and compares all that was seen.
   void play() {

@@ -53,19 +53,21 @@ Values exactly(const Values& values, const Format& from, const Format& to) {
   return moved;
 }
 
+// A multiple of half of a power of two, or a limit of any format, or a neighbour of these.
+int64_t someValue(const Format& format, Random& random) {
+  const int shift = random.between(0, format.rangeBits);
+  const int64_t some = int64_t{static_cast<int32_t>(random.word())} >> (31 - format.rangeBits) >> shift << shift;
+  const int64_t limit = int64_t{random.oneIn(2) ? 1 : -1} << random.from({15, 23, 24, 31});
+  return std::clamp((random.oneIn(4) ? limit : some) + random.between(-2, 2), -format.highest() - 1,
+                    format.highest());
+}
+
 Values interesting(const Format& format) {
   Values values;
   if (format.bytes == 2)
     for (int64_t value = -32768; value < 32768; ++value) values.push_back(value);
   Random random(1);
-  for (int i = 0; format.bytes > 2 && i < 20000; ++i) {
-    // A multiple of half of a power of two, or a limit of any format, or a neighbour of these.
-    const int shift = random.between(0, format.rangeBits);
-    const int64_t some = int64_t{static_cast<int32_t>(random.word())} >> (31 - format.rangeBits) >> shift << shift;
-    const int64_t limit = int64_t{random.oneIn(2) ? 1 : -1} << random.from({15, 23, 24, 31});
-    values.push_back(std::clamp((random.oneIn(4) ? limit : some) + random.between(-2, 2), -format.highest() - 1,
-                                format.highest()));
-  }
+  for (int i = 0; format.bytes > 2 && i < 20000; ++i) values.push_back(someValue(format, random));
   return values;
 }
 
@@ -97,30 +99,34 @@ TEST(Shifter, RoundTripsOf16BitsAreExact) {
 }
 
 // Not a byte outside, whole samples, and what fits; in place where a sample gets no wider.
-TEST(Shifter, KeepsToItsBlocks) {
-  Guarded src(512), dst(512);
-  Random random(2);
+void play(Random& random) {
+  static Guarded src(512), dst(512);
+  const uint32_t type = random.below(12);
+  const auto& [from, to] = kTypes[type];
+  const uint32_t offered = random.below(220), room = random.below(220);
+  const size_t count = std::min(offered / from.bytes, room / to.bytes);
+  const bool inPlace = to.bytes <= from.bytes && random.oneIn(3);
+  const size_t gap = random.below(5);
+  Values values(count);
+  for (int64_t& value : values) value = someValue(from, random);
+  const Bytes in = packed(values, from), expected = packed(exactly(values, from, to), to);
   for (const auto shifter : shifters()) {
-    for (int round = 0; round < 4000; ++round) {
-      const uint32_t type = random.below(12);
-      const auto& [from, to] = kTypes[type];
-      const uint32_t offered = random.below(220), room = random.below(220);
-      const size_t count = std::min(offered / from.bytes, room / to.bytes);
-      Values values(count);
-      for (int64_t& value : values) value = random.between(-32768, 32767);
-      const Bytes in = packed(values, from), expected = packed(exactly(values, from, to), to);
-      const bool inPlace = to.bytes <= from.bytes && random.oneIn(3);
-      uint8_t* const block = src.place(inPlace ? std::max(offered, room) : offered, random.oneIn(2));
-      uint8_t* const out = inPlace ? block : dst.place(room, random.oneIn(2));
-      std::copy(in.begin(), in.end(), block);
-      uint32_t inBytes = offered, outBytes = room;
-      EXPECT_EQ(shifter(block, &inBytes, out, &outBytes, type), 0);
-      EXPECT_TRUE(inBytes == offered - in.size() && outBytes == expected.size()) << type;
-      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), out)) << type << ", " << count << " samples";
-      EXPECT_TRUE(src.surroundingsIntact() && (inPlace || dst.surroundingsIntact())) << type;
-      EXPECT_TRUE(inPlace ||
-                  std::all_of(out + outBytes, out + room, [](uint8_t b) { return b == Guarded::kMarker; }));
-    }
+    uint8_t* const block = src.place(inPlace ? std::max(offered, room) : offered, random.oneIn(2), gap);
+    uint8_t* const out = inPlace ? block : dst.place(room, random.oneIn(2), gap);
+    std::copy(in.begin(), in.end(), block);
+    uint32_t inBytes = offered, outBytes = room;
+    EXPECT_EQ(shifter(block, &inBytes, out, &outBytes, type), 0);
+    EXPECT_TRUE(inBytes == offered - in.size() && outBytes == expected.size()) << type;
+    EXPECT_TRUE(std::equal(expected.begin(), expected.end(), out)) << type << ", " << count << " samples";
+    EXPECT_TRUE(src.surroundingsIntact() && (inPlace || dst.surroundingsIntact())) << type;
+    EXPECT_TRUE(inPlace || std::all_of(out + outBytes, out + room, [](uint8_t b) { return b == Guarded::kMarker; }));
+  }
+}
+
+TEST(Shifter, KeepsToItsBlocks) {
+  Random random(2);
+  for (int round = 0; round < 4000; ++round) play(random);
+  for (const auto shifter : shifters()) {
     uint32_t inBytes = 8, outBytes = 8;
     EXPECT_EQ(shifter(nullptr, &inBytes, nullptr, &outBytes, 12), -1);
     EXPECT_TRUE(inBytes == 8 && outBytes == 0);
