@@ -140,10 +140,13 @@ KESAUDIO_INLINE Words joined(const Quarter (&q)[kCount]) {
 // A vector whose groups lie kStride bytes apart.
 template <std::ptrdiff_t kStride>
 KESAUDIO_INLINE Words loadGroups(const Byte* p) {
-  if constexpr (kStride == kGroupBytes || kGroups == 1) return loadVector<Words>(p);
-  Quarter quarters[kQuarters] = {};
-  unrolled<kQuarters>([&](auto q) KESAUDIO_INLINED { quarters[q] = loadVector<Quarter>(p + q * kStride); });
-  return joined(quarters);
+  if constexpr (kStride == kGroupBytes || kGroups == 1) {
+    return loadVector<Words>(p);
+  } else {
+    Quarter quarters[kQuarters] = {};
+    unrolled<kQuarters>([&](auto q) KESAUDIO_INLINED { quarters[q] = loadVector<Quarter>(p + q * kStride); });
+    return joined(quarters);
+  }
 }
 
 template <std::ptrdiff_t kStride>

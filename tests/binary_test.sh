@@ -22,6 +22,8 @@ dynamic=$(readelf -dW "$library")
 major=$(sed -n 's/#define KESAUDIO_VERSION_MAJOR //p' "$include/kesaudio/version.h")
 echo "$dynamic" | grep -q "(SONAME).*\[libkesaudio\.so\.$major\]" || wrong "$library" "is not libkesaudio.so.$major"
 
+readelf -rW "$library" | grep -wF "$declared" && wrong "$library" 'calls itself through names that others may have taken'
+
 for file in "$@"; do
   segments=$(readelf -lW "$file") dynamic=$(readelf -dW "$file")
   leaked=$(nm -D --defined-only "$file" | awk '{ print $3 }' |

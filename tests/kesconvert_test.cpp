@@ -124,6 +124,7 @@ TEST_F(Kesconvert, ConvertsAsTheLibraryDoesAndSaysHow) {
       {kWavex, 2, 6, k5Point1, "o.wav", 4, "", 0, "Strip.*FL FR FC LFE,", 0xF},
       {SF_FORMAT_AIFF, 3, 2, {}, "o.wav", 6, "--upmix zero", 0, "WithZero.*5.1 ", 0x3F},
       {SF_FORMAT_CAF, 4, 1, {}, "o.wav", 3, "", 0, "mono.*Duplicate.*3.0", 0x7},
+      {SF_FORMAT_CAF, 2, 3, {kFc, kFl, kFr}, "o.wav", 2, "", 0, "no usual order.*pairwise average", 0},
       {kWav, 2, 2, {}, "o.wav", 2, "", 0, "stereo.*copied as they are", 0},
       {kWav, 2, 6, {}, "o.wav", 6, "", 0, "output: .*unknown", 0},
       {kWavex, 2, 6, k5Point1Side, "o.flac", 6, "", 0, "readers will take it for 5.1 ", 0},
@@ -278,8 +279,9 @@ TEST_F(Kesconvert, WorksInPipesAndOverLinks) {
       "env --default-signal $K q o.wav --raw 8000:1:s16 & while [ ! -s .kesconvert-* ] && kill -0 $!; do :; done; "
       "kill -$s $! && ! wait $! && cmp old.wav o.wav || exit 1; "
       "[ $s = KILL ] || ! ls .kesconvert-* || exit 1; done; rm .kesconvert-*",
-      R"(printf '\000\100\000\200\377\177' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
-      "grep 'peak 0.00 dBFS in, -0.00 dBFS out, 1 samples clipped' says",
+      R"(printf '\000\100\000\200\377\177\0\200\0\0\0\200' | $K - - --raw 8000:3:s16 --layout 3.0 --channels 2 2>says | cat >mix && )"
+      "grep 'peak 0.00 dBFS in, 0.00 dBFS out, 3 samples clipped' says",
+      "$K old.wav a.wav --rate 96000 | grep '[1-9] samples clipped'",
       "$K two.flac a.wav --rate 44100 && $K two.flac b.wav --rate 44100 --multichannel --block 7 && cmp a.wav b.wav",
       "$K six.wav a.wav --rate 44100 --channels 2 && $K six.wav b.wav --channels 2 && $K b.wav c.wav --rate 44100 && "
       "cmp a.wav c.wav",
@@ -317,6 +319,7 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {2, "$K f.wav", "OUT is required"},
       {2, "$K f.wav o.wav --channels 9", "Value 9 not in range 1 to 8"},
       {2, "$K f.wav o.wav --layout 9.9", "9.9 is unknown; use"},
+      {2, "$K f.wav o.wav --layout 0xC0000", "0xC0000 is unknown; use"},
       {2, "$K f.wav o.wav --rate 3999", "Value 3999 not in range 4000 to 768000"},
       {2, "$K f.wav o.wav --format s8", "s8 not in"},
       {2, "$K f.wav o.wav --format s24 --limit", "--limit makes samples of 16 bits; leave"},
@@ -348,6 +351,7 @@ TEST_F(Kesconvert, SaysInOneLineWhatIsWrongAndLeavesNothingBehind) {
       {1, "$K f.wav /dev/full", "/dev/full: No space left on device; make room"},
       {1, "$K f.wav /dev/full --raw 48000:2:s16", "/dev/full: No space left on device; make room"},
       {1, "(ulimit -f 1; $K f.wav old.wav --channels 8)", "old.wav: File too large; make room"},
+      {1, "(ulimit -f 36; $K f.wav old.flac)", "old.flac: File too large; make room"},  // at its last block
       {1, "cat f.wav | (ulimit -f 1; $K - old.wav)", "temporary copy, .*TMPDIR says: File too large; make room"},
       {1, "cat f.wav | TMPDIR=/none $K - old.wav", "temporary copy, .*TMPDIR says: No such file or directory; check"},
   };

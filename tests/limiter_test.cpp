@@ -34,11 +34,12 @@ const Library& library() {
 
 class Stream {
  public:
-  Stream(uint32_t channels, uint32_t rate) : channels_(channels), internal_(1 << 14), in_(1 << 12), out_(1 << 12) {
+  Stream(uint32_t channels, uint32_t rate, size_t gap = 0)
+      : channels_(channels), internal_(1 << 14), in_(1 << 12), out_(1 << 12) {
     uint32_t internalBytes = 0, scratchBytes = 0;
     LimiterParam param{channels, rate, 0, 0};
     EXPECT_EQ(library().GetBufferSize(&internalBytes, &scratchBytes, 256), 0);
-    EXPECT_EQ(library().Open(&instance_, internal_.place(internalBytes, false), &param), 0);
+    EXPECT_EQ(library().Open(&instance_, internal_.place(internalBytes, false, gap), &param), 0);
   }
 
   // All of the input, in blocks of up to 1000 bytes, cut at random if wanted.
@@ -85,7 +86,7 @@ void play(Random& random) {
     const int32_t quiet = samples.between(-kFullScale / 2, kFullScale / 2);
     input.push_back(samples.oneIn(chances) ? samples.from({INT32_MIN, INT32_MAX, 4 * quiet}) : quiet);
   }
-  Stream stream(channels, rate);
+  Stream stream(channels, rate, random.below(9));
   const std::vector<int16_t> output = stream.run(input);
   stream.reset();
   EXPECT_EQ(stream.run(input, &random), output);

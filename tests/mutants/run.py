@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Plants the faults of faults.txt one by one in a copy of the sources, and demands that a test turns red for each.
 
-Usage: run.py [WORD]    those in whose file or description the word is; without one, all
+Usage: run.py [PATTERN]    those in whose file and description it is found, a regular expression; without it, all
 
 A fault that no test finds, whose text is not in its file exactly once, or that does not compile is named at the end,
 and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
@@ -26,7 +26,7 @@ OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAK
            "-DKESAUDIO_BUILD_BENCH=OFF -DKESAUDIO_INSTALL=OFF")
 
 
-def read_list(word):
+def read_list(pattern):
     """The faults by build: (file, description, text there, text put there, tests)."""
     faults, tests = {}, None
     for block in re.split(r"\n{2,}", (ROOT / "tests/mutants/faults.txt").read_text().strip()):
@@ -37,7 +37,7 @@ def read_list(word):
             continue
         file, description = lines[0].split(": ", 1)
         old, new = ("\n".join(line[2:] for line in lines if line.startswith(sign)) for sign in "-+")
-        if word in lines[0]:
+        if re.search(pattern, lines[0]):
             faults.setdefault(build, []).append((file, description, old, new, tests))
     return faults
 
