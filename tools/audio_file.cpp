@@ -107,14 +107,14 @@ const char* nameOfFormat(int format) {
 
 std::uint32_t readWord(int fd, off_t at, bool bigEndian = false) {
   std::uint32_t word = 0;
-  if (pread(fd, &word, sizeof word, at) != sizeof word) return 0;
+  if (pread(fd, &word, sizeof word, at) != ssize_t{sizeof word}) return 0;
   return bigEndian ? __builtin_bswap32(word) : word;
 }
 
 // The four letters that containers and their parts begin with; empty where the file ends.
 std::string readName(int fd, off_t at) {
   char name[4];
-  return pread(fd, name, sizeof name, at) == sizeof name ? std::string(name, sizeof name) : "";
+  return pread(fd, name, sizeof name, at) == ssize_t{sizeof name} ? std::string(name, sizeof name) : "";
 }
 
 // Whether a file is in a container that we take. The others that libsndfile knows stay out: their readers are little
@@ -357,7 +357,7 @@ void AudioSink::finish() {
   // libsndfile keeps a layout only if it places every channel, and otherwise guesses one from their count.
   constexpr off_t kMaskOffset = 8 + 20;
   const off_t format = Riff(file_.fd).find("fmt ");
-  if (pwrite(file_.fd, &layout_, sizeof layout_, format + kMaskOffset) != sizeof layout_)
+  if (pwrite(file_.fd, &layout_, sizeof layout_, format + kMaskOffset) != ssize_t{sizeof layout_})
     failToWrite(output_.name(), errno);
 }
 

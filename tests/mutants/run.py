@@ -21,6 +21,7 @@ BUILDS = {  # by the name that a section of the list begins with
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
     "x86-64-v4": "-DCMAKE_CXX_FLAGS=-march=x86-64-v4 -DKESAUDIO_BUILD_TOOLS=OFF",
     "aarch64": "--toolchain cmake/aarch64-linux.cmake -DKESAUDIO_BUILD_TOOLS=OFF",
+    "asan": "--preset asan",  # whose fuzz programs are tests
 }
 OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAKE_C_FLAGS_DEBUG=-O1 -DKESAUDIO_LEVELS= "
            "-DKESAUDIO_BUILD_BENCH=OFF -DKESAUDIO_INSTALL=OFF")
@@ -28,17 +29,18 @@ OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAK
 
 def read_list(pattern):
     """The faults by build: (file, description, text there, text put there, tests)."""
-    faults, tests = {}, None
+    faults, texts, tests = {}, {}, None
     for block in re.split(r"\n{2,}", (ROOT / "tests/mutants/faults.txt").read_text().strip()):
         lines = [line for line in block.split("\n") if not line.startswith("#")]
         if lines and lines[0].startswith("== "):
             build, tests = re.fullmatch(r"== (\S+): (.+)", lines.pop(0)).groups()
         if not lines:
             continue
+        if len(lines) > 1:
+            texts[lines[0]] = ["\n".join(line[2:] for line in lines if line.startswith(sign)) for sign in "-+"]
         file, description = lines[0].split(": ", 1)
-        old, new = ("\n".join(line[2:] for line in lines if line.startswith(sign)) for sign in "-+")
         if re.search(pattern, lines[0]):
-            faults.setdefault(build, []).append((file, description, old, new, tests))
+            faults.setdefault(build, []).append((file, description, *texts[lines[0]], tests))
     return faults
 
 
