@@ -5,7 +5,7 @@
 set -eu
 mkdir -p "$1"
 root=$(cd "$1" && pwd)
-[ -e "$root/complete" ] && exit 0
+[ "$root/complete" -nt "$0" ] && exit 0
 rm -rf "${root:?}"/*
 mkdir -p "$root/apt/lists/partial" "$root/apt/archives/partial"
 : >"$root/apt/status"
@@ -15,7 +15,7 @@ arm64_apt() {
     -o Debug::NoLocking=1 -o APT::Sandbox::User= "$@"
 }
 arm64_apt update
-arm64_apt install --download-only libc6-dev libstdc++6 libsndfile1-dev libfmt-dev zlib1g-dev
+arm64_apt install --download-only libc6-dev libstdc++6 libsndfile1-dev libfmt-dev zlib1g-dev libgtest-dev
 for package in "$root"/apt/archives/*.deb; do dpkg-deb -x "$package" "$root"; done
 rm -rf "$root/apt"
 touch "$root/complete"
