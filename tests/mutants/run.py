@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Plants the faults of faults.txt one by one in a copy of the sources, and demands that a test turns red for each.
 
-Usage: run.py [PATTERN]    those in whose file and description it is found, a regular expression; without it, all
+Usage: run.py [PATTERN]    those in whose build, file and description it is found, a regular expression; without it,
+                           all
 
 A fault that no test finds, whose text is not in its file exactly once, or that does not compile is named at the end,
 and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
@@ -21,7 +22,7 @@ BUILDS = {  # by the name that a section of the list begins with
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
     "x86-64-v4": "-DCMAKE_CXX_FLAGS=-march=x86-64-v4 -DKESAUDIO_BUILD_TOOLS=OFF",
     "aarch64": "--toolchain cmake/aarch64-linux.cmake -DKESAUDIO_BUILD_TOOLS=OFF",
-    "asan": "--preset asan",  # whose fuzz programs are tests
+    "asan": "--preset asan -DKESAUDIO_FUZZ_SECONDS=60",  # whose fuzz programs are tests
 }
 OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAKE_C_FLAGS_DEBUG=-O1 -DKESAUDIO_LEVELS= "
            "-DKESAUDIO_BUILD_BENCH=OFF -DKESAUDIO_INSTALL=OFF")
@@ -39,7 +40,7 @@ def read_list(pattern):
         if len(lines) > 1:
             texts[lines[0]] = ["\n".join(line[2:] for line in lines if line.startswith(sign)) for sign in "-+"]
         file, description = lines[0].split(": ", 1)
-        if re.search(pattern, lines[0]):
+        if re.search(pattern, f"{build} {lines[0]}"):
             faults.setdefault(build, []).append((file, description, *texts[lines[0]], tests))
     return faults
 
