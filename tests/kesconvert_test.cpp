@@ -420,6 +420,7 @@ TEST_F(Kesconvert, MistrustsHeaders) {
       {"f.wav", 34, 0, 2, "unimplemented format; give"},
       {"f.wav", 34, 64, 2, "unimplemented format; give"},
       {"f.rf64", 28, uint64_t{1} << 63, 8, "10 frames"},
+      {"f.rf64", 28, 0, 8, "10 frames"},
       {"f.flac", 22, 0, 4, "10 frames"},  // FLAC's and AU's highest byte comes first
       {"f.flac", 22, 0x0B000000, 4, "damaged: 10 of 11 frames"},
       {"f.au", 4, 0xFFFFFF7F, 4, "cut short; get"},

@@ -111,6 +111,8 @@ std::uint32_t readWord(int fd, off_t at, bool bigEndian = false) {
   return bigEndian ? __builtin_bswap32(word) : word;
 }
 
+off_t readLong(int fd, off_t at) { return readWord(fd, at) | off_t{readWord(fd, at + 4)} << 32; }
+
 // The four letters that containers and their parts begin with; empty where the file ends.
 std::string readName(int fd, off_t at) {
   char name[4];
@@ -176,13 +178,17 @@ off_t unfilledSize(int fd, int major, off_t length) {
     const AuHeader header(fd);
     return header.bytes == 0 && header.start < length ? AuHeader::kBytesAt : -1;
   }
-  if (!isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX})) return -1;
+  if (!isOneOf(major, {SF_FORMAT_WAV, SF_FORMAT_WAVEX, SF_FORMAT_RF64})) return -1;
   const Riff riff(fd);
+  const bool isRf64 = major == SF_FORMAT_RF64;  // whose sizes have 64 bits, in the chunk that comes first
+  constexpr off_t kFileBytesAt = 20, kDataBytesAt = 28;
   const off_t data = riff.find("data"), audio = data + 8;
-  const off_t end = off_t{8} + riff.sizeOf(0);
-  if (data == 0 || riff.sizeOf(data) != 0 || audio >= length) return -1;
+  const off_t bytes = isRf64 ? readLong(fd, kDataBytesAt) : riff.sizeOf(data);
+  if (data == 0 || bytes != 0 || audio >= length) return -1;
+  const off_t end = std::min(length, isRf64 ? readLong(fd, kFileBytesAt) : riff.sizeOf(0)) + 8;
   const bool chunksFollow = audio < end && end <= length && riff.areChunks(audio, end);
-  return chunksFollow ? -1 : data + 4;
+  if (chunksFollow) return -1;
+  return isRf64 ? kDataBytesAt + 3 : data + 4;  // its upper bytes, so that it is beyond any file's
 }
 
 // What a file without a channel map is taken for.
@@ -200,8 +206,7 @@ bool isCutUnnoticed(int fd, int major, off_t length) {
     return header.bytes != AuHeader::kUnknown && length < header.start + header.bytes;
   }
   constexpr off_t kWholeLengthAt = 16;
-  return major == SF_FORMAT_W64 &&
-         length < readWord(fd, kWholeLengthAt) + (off_t{readWord(fd, kWholeLengthAt + 4)} << 32);
+  return major == SF_FORMAT_W64 && length < readLong(fd, kWholeLengthAt);
 }
 
 // Whether a header's size is what programs write that do not know it: the largest, or nearly, of 32 or 31 bits.
