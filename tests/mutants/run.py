@@ -112,7 +112,13 @@ def try_build(name, faults):
 
 
 def main():
-    faults = read_list(sys.argv[1] if len(sys.argv) > 1 else "")
+    pattern = sys.argv[1] if len(sys.argv) > 1 else ""
+    try:
+        faults = read_list(pattern)
+    except re.error as error:
+        sys.exit(f"{pattern} is no regular expression: {error}")
+    if not faults:
+        sys.exit(f"no fault's file and description hold {pattern}; see tests/mutants/faults.txt")
     if "avx512vl" not in pathlib.Path("/proc/cpuinfo").read_text() and faults.pop("x86-64-v4", None):
         print("left out, since this machine cannot run them: the faults of x86-64-v4")
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
