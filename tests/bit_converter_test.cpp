@@ -37,7 +37,7 @@ class Player : BesideModel<Record> {
     const int32_t id = random_.oneIn(6) ? random_.from({INT32_MIN, INT32_MAX, -1, 256}) : random_.between(0, 8);
 
     uint32_t code = 0, wanted = 0;
-    switch (random_.below(12)) {
+    switch (random_.below(10)) {
       case 0: freeBuffers(), init(); break;
       case 1: interfere(); break;
       case 2:
@@ -47,14 +47,12 @@ class Player : BesideModel<Record> {
         break;
       case 3: code = run(record_.Reset), wanted = reset(); break;
       case 4: code = run(record_.GetParameter, id, dst_), wanted = getParameter(id, dst_); break;
-      case 5:
-      case 6: {
+      case 5: {
         const uint32_t value = random_.oneIn(2) ? type() : channels;
         code = run(record_.SetParameter, id, value), wanted = setParameter(id, value);
         break;
       }
-      case 7:
-      case 8: {
+      case 6: {
         const uint32_t convertType = type();
         code = run(record_.Open, rate, channels, convertType), wanted = open(rate, channels, convertType);
         break;

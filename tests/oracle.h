@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <optional>
 #include <ostream>
+#include <string>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -50,6 +53,15 @@ struct Call {
 inline std::ostream& operator<<(std::ostream& out, const Call& call) {
   return out << kKernelTable[call.kernel].name << " " << call.srcChannels << " -> " << call.dstChannels << ", format "
              << call.format << ", mask " << call.mask << ", " << call.byteCount << " bytes";
+}
+// The call that a line begins with, as it is written above.
+inline std::optional<Call> parsedCall(const std::string& line) {
+  Call call{};
+  const auto* const entry = std::ranges::find(kKernelTable, line.substr(0, line.find(' ')), &KernelEntry::name);
+  call.kernel = static_cast<Kernel>(entry - kKernelTable);
+  const int read = std::sscanf(line.c_str(), "%*s %d -> %d, format %u, mask %u, %d bytes", &call.srcChannels,
+                               &call.dstChannels, &call.format, &call.mask, &call.byteCount);
+  return call.kernel < kKernels && read == 5 ? std::optional(call) : std::nullopt;
 }
 
 inline int64_t limited(int64_t value, int32_t bytes) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "../random.h"
 #include "tools/audio_file.h"
 #include "tools/conversion.h"
 #include "tools/failure.h"
@@ -20,48 +21,32 @@ namespace {
 
 constexpr std::uint64_t kMostFrames = 50000;  // a few bytes of FLAC can be hours
 
-// Draws from one word.
-class Choices {
- public:
-  explicit Choices(std::uint32_t word) : word_(word) {}
-  std::uint32_t below(std::uint32_t limit) {
-    const std::uint32_t chosen = word_ % limit;
-    word_ /= limit;
-    return chosen;
-  }
-
- private:
-  std::uint32_t word_;
-};
-
 void expect(bool holds) {
   if (!holds) std::abort();
 }
 
 Form formOf(const StreamFormat& format) { return {format.rate, format.channels, integersOf(format.sampleBytes)}; }
 
-void convertFile(const Descriptor& input, Choices choose) {
+void convertFile(const Descriptor& input, Random choose) {
   std::optional<StreamFormat> raw;
-  if (choose.below(8) == 0)
-    raw = {8000 + static_cast<int>(choose.below(2)) * 40000, choose.below(8) + 1, choose.below(3) + 2};
+  if (choose.oneIn(8)) raw = {8000 + choose.between(0, 1) * 40000, choose.below(8) + 1, choose.below(3) + 2};
   AudioSource source(input, "in", raw);
   const StreamFormat& in = source.format;
   expect(in.rate > 0 && in.channels > 0 && in.sampleBytes >= 2 && in.sampleBytes <= 4);
   if (in.channels > 8) fail("too many channels");
 
-  constexpr int kRates[] = {8000, 44100, 48000};
   constexpr int kContainers[] = {SF_FORMAT_WAV, SF_FORMAT_RAW,  SF_FORMAT_RF64, SF_FORMAT_W64,
                                  SF_FORMAT_CAF, SF_FORMAT_AIFF, SF_FORMAT_FLAC, SF_FORMAT_AU};
   StreamFormat out = in;
   Wishes wishes;
-  if (choose.below(2) != 0) out.channels = choose.below(8) + 1;
-  if (choose.below(3) == 0) out.rate = kRates[choose.below(std::size(kRates))];
-  if (choose.below(2) != 0) out.sampleBytes = choose.below(3) + 2;
-  wishes.limit = choose.below(4) == 0;
-  wishes.multichannel = choose.below(2) != 0;
-  wishes.addSilentChannels = choose.below(2) != 0;
-  const int container = kContainers[choose.below(std::size(kContainers))];
-  const std::size_t blockFrames = choose.below(2) != 0 ? 4096 : choose.below(64) + 1;
+  if (choose.oneIn(2)) out.channels = choose.below(8) + 1;
+  if (choose.oneIn(3)) out.rate = choose.from({8000, 44100, 48000});
+  if (choose.oneIn(2)) out.sampleBytes = choose.below(3) + 2;
+  wishes.limit = choose.oneIn(4);
+  wishes.multichannel = choose.oneIn(2);
+  wishes.addSilentChannels = choose.oneIn(2);
+  const int container = choose.from(kContainers);
+  const std::size_t blockFrames = choose.oneIn(2) ? 4096 : choose.below(64) + 1;
   if (wishes.limit) out.sampleBytes = 2;
 
   const Plan plan = makePlan(formOf(in), source.layout, formOf(out), wishes);
@@ -95,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::uint32_t word = 0;
   std::memcpy(&word, data + size - std::min(size, sizeof word), std::min(size, sizeof word));
   try {
-    convertFile(input, Choices(word));
+    convertFile(input, Random(word));
   } catch (const Failure&) {
   }
   return 0;

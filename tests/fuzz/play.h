@@ -14,6 +14,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t count) {
   Random random(bytes, count);
-  play(random);
+  do play(random);
+  while (!random.usedUp());
   return 0;
 }
