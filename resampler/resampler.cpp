@@ -39,6 +39,7 @@ bool prepareLibrary(Record* handle, const Flavour& flavour) {
     __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpTempBuf malloc failed\n", flavour.openName);
     return false;
   }
+  handle->mpResampler = nullptr;  // an earlier open's must not be taken for this one's
   flavour.open(&handle->mpResampler, handle->mpInternalBuf, &handle->mParam);
   return true;
 }

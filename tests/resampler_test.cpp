@@ -141,7 +141,8 @@ class Player : BesideModel<Record> {
     wantSizes(palix(multi, "GetBufferSize"), &record_.mParam, p);
     if (world.result < 0) return log(3, "Palix_GetBufferSize return err ", world.result, "\n"), 2;
     if (!obtainBuffers(name)) return 2;
-    want(palix(multi, "Open"), &record_.mpResampler, model_.mpInternalBuf, &record_.mParam, p);
+    model_.mpResampler = nullptr;
+    want(palix(multi, "Open"), &record_.mpResampler, model_.mpResampler, model_.mpInternalBuf, &record_.mParam, p);
     model_.mpResampler = world.instance, model_.mState = 2;
     if (multi) log(3, "-", name, "()\n");
     return 0;
@@ -179,8 +180,8 @@ TEST(Threads, DriveSeparateResamplersThatEqualTheirModel) { playOnThreads<Player
     return world.result;                                                                                \
   }                                                                                                     \
   int32_t prefix##Open(void** instance, void* internal, SrcParam* param) {                              \
-    *instance = world.instance;                                                                         \
-    return saw(#prefix "Open", instance, internal, param, *param);                                      \
+    void* const before = std::exchange(*instance, world.instance);                                      \
+    return saw(#prefix "Open", instance, before, internal, param, *param);                              \
   }                                                                                                     \
   int32_t prefix##Reset(void* instance) { return saw(#prefix "Reset", instance); }                      \
   int32_t prefix##Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst, \

@@ -150,7 +150,8 @@ struct Riff {
 
   bool areChunks(off_t from, off_t end) const {
     const auto isNamed = [&](off_t at) {
-      return std::ranges::all_of(readName(fd, at), [](unsigned char c) { return std::isprint(c) != 0; });
+      return std::ranges::all_of(readName(fd, at),
+                                 [](char c) { return std::isprint(static_cast<unsigned char>(c)) != 0; });
     };
     while (from < end && isNamed(from)) from = after(from);
     return from == end || from == end + 1;  // the last one's padding may be missing
@@ -219,7 +220,8 @@ bool standsForUnknown(std::uint64_t bytes, std::uint64_t frameBytes) {
 
 std::optional<int> containerOfName(const std::string& name) {
   std::string extension = std::filesystem::path(name).extension();
-  std::ranges::transform(extension, extension.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::ranges::transform(extension, extension.begin(),
+                         [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); });
   constexpr struct {
     const char* extension;
     int format;

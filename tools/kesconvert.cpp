@@ -56,7 +56,7 @@ struct Options {
 // One line, whatever is in the names that it quotes.
 void printLine(std::FILE* stream, std::string text) {
   std::ranges::replace_if(
-      text, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+      text, [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0; }, '?');
   std::fputs((text + '\n').c_str(), stream);
 }
 

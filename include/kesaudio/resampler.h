@@ -127,7 +127,7 @@ struct KesAudioSrcInC {
   void* mpTempBuf;           /* scratch for every block; null when there is none */
   void* mpInternalBuf;       /* the library's memory of the stream; null when there is none */
   SrcParam mParam;           /* the stream, as the last open or SetParameter stored it */
-  void* mpResampler;         /* the library's instance */
+  void* mpResampler;         /* the library's instance, null until its open stores one */
   ComponentState mState;     /* changed by the opens and Close alone */
   uint32_t mFirstBlockDone;  /* 0 until a first block was processed, then 1; only the initialisation clears it */
 };
