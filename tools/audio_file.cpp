@@ -340,6 +340,9 @@ AudioSink::AudioSink(const OutputFile& file, int major, const StreamFormat& form
   if (!sf_format_check(&info))
     fail("cannot write {}: {} does not take {} channels of {} bits; use .wav, .caf or .aiff", file.name(), container,
          format.channels, format.sampleBytes * 8);
+  constexpr int kMostAiffRate = 1 << 30;  // libsndfile writes any that is greater as 800 MHz
+  if ((major & SF_FORMAT_TYPEMASK) == SF_FORMAT_AIFF && format.rate > kMostAiffRate)
+    fail("cannot write {}: {} does not take {} Hz; use .wav, .caf or .au", file.name(), container, format.rate);
   sound_.reset(openSound(file_, SFM_WRITE, info));
   if (!sound_) failOfSound();
   if (toRf64) sf_command(sound_.get(), SFC_RF64_AUTO_DOWNGRADE, nullptr, SF_TRUE);
