@@ -3,7 +3,7 @@
 # File number N is the same on every run. Each must end in time, either well, with an output that can be read, or with
 # one line and with what was there before as it was; never by a signal, and nothing else may be left.
 set -u
-kesconvert=$1 files=$2 first=${3:-1}
+kesconvert=$(realpath "$1") files=$2 first=${3:-1}
 seeds=$(cd "$(dirname "$0")/corpus/kesconvert" && pwd)
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
@@ -55,13 +55,13 @@ while [ $n -lt $((first + files)) ]; do
   # zzuf damages each bit with a chance within the range, and takes what it draws from the seed.
   zzuf -q -s "$n" -r 0.0005:0.03 -b "$bytes" <"$seed" | $cut >$in
   echo "$old" >$out
-  timeout 10 $kesconvert $in $out $options >says 2>errors
+  timeout 10 "$kesconvert" $in $out $options >says 2>errors
   code=$?
   found=
   if [ $code = 0 ]; then
     well=$((well + 1))
     [ ! -s errors ] || found='says something on success'
-    timeout 10 $kesconvert $out - >/dev/null 2>errors || found='makes an output that cannot be read'
+    timeout 10 "$kesconvert" $out - >/dev/null 2>errors || found='makes an output that cannot be read'
   else
     refused=$((refused + 1))
     [ "$(wc -l <errors)" = 1 ] && grep -q '^kesconvert: .' errors || found='does not say in one line what is wrong'
