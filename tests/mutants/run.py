@@ -21,6 +21,7 @@ BUILDS = {  # by the name that a section of the list begins with
     "x86-64": "-DCMAKE_CXX_FLAGS=-march=x86-64",
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
     "x86-64-v4": "-DCMAKE_CXX_FLAGS=-march=x86-64-v4 -DKESAUDIO_BUILD_TOOLS=OFF",
+    "debug": "-DCMAKE_CXX_FLAGS_DEBUG=-g -DKESAUDIO_BUILD_TOOLS=OFF",
     "aarch64": "--toolchain cmake/aarch64-linux.cmake -DKESAUDIO_BUILD_TOOLS=OFF",
     "asan": "--preset asan -DKESAUDIO_FUZZ_SECONDS=60",  # whose fuzz programs are tests
 }
