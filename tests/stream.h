@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Streams through the host's libraries, whose every buffer is between guard pages and dirty before its use.
+// Streams through the host's libraries. Theirs is memory between guard pages, dirty before its use; so are blocks.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "guarded.h"
@@ -14,32 +13,30 @@
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes bytesOf(const auto& samples) {
-  const auto* const first = reinterpret_cast<const uint8_t*>(samples.data());
-  return {first, first + samples.size() * sizeof samples[0]};
-}
-
-template <class Sample>
-std::vector<Sample> samplesOf(const Bytes& bytes) {
-  std::vector<Sample> samples(bytes.size() / sizeof(Sample));
-  std::copy_n(bytes.begin(), samples.size() * sizeof(Sample), reinterpret_cast<uint8_t*>(samples.data()));
-  return samples;
-}
-
 class Stream {
  public:
   using Process = int32_t(void*, void*, const void*, uint32_t*, void*, uint32_t*);
 
-  // Offers all of the input, in blocks of up to so many bytes with room for as many: all at once, or at random.
-  Bytes run(const Bytes& input, uint32_t blockBytes = 1 << 16, Random* random = nullptr) {
+  // Offers all of the input at once, with room for so many bytes. None of it may be left.
+  Bytes run(const Bytes& input, uint32_t room = 1 << 16) {
+    Bytes output(room);
+    auto left = static_cast<uint32_t>(input.size()), made = room;
+    EXPECT_EQ(process_(instance_, scratchAt_, input.data(), &left, output.data(), &made), 0);
+    EXPECT_EQ(left, 0u);
+    output.resize(made);
+    return output;
+  }
+
+  // Offers all of the input, in blocks of up to so many bytes with room for as many, at random.
+  Bytes runInBlocks(const Bytes& input, uint32_t blockBytes, Random& random) {
     Bytes output;
     size_t at = 0;
     for (bool drained = false; !drained && !testing::Test::HasFailure();) {
-      auto offered = static_cast<uint32_t>(std::min<size_t>(input.size() - at, blockBytes)), room = blockBytes;
-      if (random) offered = random->below(offered + 1), room = random->below(room + 1);
+      const auto most = static_cast<uint32_t>(std::min<size_t>(input.size() - at, blockBytes));
+      const uint32_t offered = random.below(most + 1), room = random.below(blockBytes + 1);
       uint8_t* const src = in_.place(offered, false);
       std::copy_n(input.begin() + static_cast<ptrdiff_t>(at), offered, src);
-      uint8_t* const dst = out_.place(room, random && random->oneIn(2));
+      uint8_t* const dst = out_.place(room, random.oneIn(2));
       uint32_t left = offered, made = room;
       EXPECT_EQ(process_(instance_, scratchAt_, src, &left, dst, &made), 0);
       EXPECT_TRUE(out_.surroundingsIntact() && made <= room && left <= offered);
@@ -50,16 +47,6 @@ class Stream {
       drained = !full && input.size() - at < inFrameBytes_;
     }
     EXPECT_TRUE(internal_.surroundingsIntact() && scratch_.surroundingsIntact());
-    return output;
-  }
-
-  // Offers all of the input once, with room for so many bytes. None of it may be left.
-  Bytes runAtOnce(const Bytes& input, uint32_t room) {
-    Bytes output(room);
-    auto left = static_cast<uint32_t>(input.size()), made = room;
-    EXPECT_EQ(process_(instance_, scratchAt_, input.data(), &left, output.data(), &made), 0);
-    EXPECT_EQ(left, 0u);
-    output.resize(made);
     return output;
   }
 
@@ -98,7 +85,7 @@ class Resampler : public Stream {
     EXPECT_EQ(Palix_GetBufferSize(&internalBytes, &scratchBytes, &param_), 0);
     Palix_Open(&instance_, place(internalBytes, scratchBytes, gap), &param_);
   }
-  int32_t setRate(uint32_t rate) { return Palix_SetSamplingRate(instance_, rate); }
+  void setRate(uint32_t rate) { Palix_SetSamplingRate(instance_, rate); }
   void reset() { Palix_Reset(instance_); }
 
  private:
@@ -112,11 +99,6 @@ class Limiter : public Stream {
     LimiterParam param{channels, rate, 0, 0};
     EXPECT_EQ(Limiter_GetBufferSize(&internalBytes, &scratchBytes, KES_CONVERT_LIMITER), 0);
     EXPECT_EQ(Limiter_Open(&instance_, place(internalBytes, scratchBytes, gap), &param), 0);
-  }
-  std::vector<int16_t> limited(const std::vector<int32_t>& input, Random* random = nullptr) {
-    const auto output = samplesOf<int16_t>(run(bytesOf(input), 1000, random));
-    EXPECT_EQ(output.size(), input.size());
-    return output;
   }
   void reset() { Limiter_Reset(instance_); }
 };
