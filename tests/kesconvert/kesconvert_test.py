@@ -1,0 +1,107 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""kesconvert as its users meet it: a program that is run on files, good and bad, in a folder of its own.
+
+What needs no more than a shell stands in works.txt and fails.txt. The variable KESCONVERT is the command that runs the
+program, with an absolute path; GTEST_FAIL_FAST=1 stops at the first failure, as in the tests beside this one.
+"""
+import os
+import pathlib
+import random
+import re
+import subprocess
+import tempfile
+import unittest
+
+CASES = pathlib.Path(__file__).resolve().parent
+FUNCTIONS = (CASES / "functions.sh").read_text()
+ENVIRONMENT = {**os.environ, "K": os.environ["KESCONVERT"], "SEEDS": str(CASES.parent / "fuzz/corpus/kesconvert")}
+
+
+def cases_of(file, between):
+    """What stands in a file of cases between matches of the expression, without its comments."""
+    return re.split(between, re.sub("^#.*\n", "", (CASES / file).read_text(), flags=re.M).strip())
+
+
+class Kesconvert(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="kesconvert-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        (self.folder / "noise").write_bytes(random.Random(1).randbytes(90000))
+
+    def run_shell(self, command):
+        """Runs a command in the folder, where $K is the program; returns its exit code and its standard error."""
+        with tempfile.TemporaryFile("w+", errors="replace") as says:  # a pipe's end would wait for what goes on behind
+            code = subprocess.run(["sh", "-c", f"{FUNCTIONS}\n{command}"], cwd=self.folder, env=ENVIRONMENT,
+                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=says).returncode
+            says.seek(0)
+            return code, says.read()
+
+    def succeed(self, file):
+        """Runs each paragraph of a file."""
+        for command in cases_of(file, "\n\n+"):
+            with self.subTest(command):
+                code, says = self.run_shell(f"{{ {command}\n}} >&2")
+                self.assertEqual(code, 0, says)
+
+    def files(self):
+        """Every file in the folder and what is in it."""
+        return {path: path.is_file() and path.read_bytes() for path in self.folder.rglob("*")}
+
+    def test_works(self):
+        self.succeed("inputs.txt")
+        self.succeed("works.txt")
+
+    def test_resamples_in_time(self):
+        """Length, place in time and level are exact, for each kind of samples and each flavour of the resampler."""
+        for in_rate, out_rate, sample_bytes, channels, frames, impulse, options, flavour in (
+                (44100, 48000, 2, 2, 44100, 14700, "", "plain"),
+                (48000, 44100, 3, 2, 48001, 48000, "--multichannel", "multichannel"),
+                (48000, 16000, 4, 6, 5000, 0, "--block 7", "multichannel"),
+                (44100, 48001, 2, 1, 3, 1, "--block 1", "multichannel"),
+                (8000, 768000, 3, 3, 100, 50, "--block 10", "multichannel"),
+                (96000, 4000, 2, 8, 1, 0, "", "multichannel"),
+                (48000, 44100, 2, 2, 0, 0, "", "plain")):
+            command = f"$K - - --raw {in_rate}:{channels}:s{8 * sample_bytes} --rate {out_rate} {options} <in >out"
+            with self.subTest(command):
+                half = bytes(sample_bytes - 1) + b"\x40"  # of full scale
+                rows = [bytes(sample_bytes) * channels] * frames
+                rows[impulse:impulse + 1] = [half * channels] * (frames > 0)
+                (self.folder / "in").write_bytes(b"".join(rows))
+                code, says = self.run_shell(command)
+                self.assertEqual(code, 0, says)
+                self.assertIn(f"by the {flavour} resampler", says)
+
+                out = (self.folder / "out").read_bytes()
+                frame_bytes = channels * sample_bytes
+                self.assertEqual(len(out), -(-frames * out_rate // in_rate) * frame_bytes)
+                for first in range(0, frame_bytes if frames else 0, sample_bytes):
+                    samples = [int.from_bytes(out[at:at + sample_bytes], "little", signed=True)
+                               for at in range(first, len(out), frame_bytes)]
+                    peak, ratio = max(samples), out_rate / in_rate
+                    self.assertAlmostEqual(samples.index(peak), impulse * ratio, delta=0.5)
+                    level = peak / min(ratio, 1) / int.from_bytes(half, "little")
+                    self.assertAlmostEqual(level, 1, delta=1 / 8)
+
+    def test_says_what_is_wrong_and_leaves_nothing_behind(self):
+        self.succeed("inputs.txt")
+        cases = cases_of("fails.txt", "\n+")
+        cases += [f"1 $K cut/{path.name} old.wav => {path.name}" for path in (self.folder / "cut").iterdir()]
+        for name in "two.wav", "two.flac":  # cut at every byte
+            cases += [f"1 head -c {size} {name} | $K - old.wav => "
+                      for size in range((self.folder / name).stat().st_size)]
+        before = self.files()
+        for case in cases:
+            with self.subTest(case):
+                code, required, command, message = re.fullmatch(r"([012]) (?:\[(.*)\] )?(.*) => (.*)", case).groups()
+                if required and self.run_shell(required)[0] != 0:
+                    continue
+                done, says = self.run_shell(command)
+                self.assertEqual(done, int(code), says)
+                self.assertRegex(says, message if code == "0" else rf"\Akesconvert: .*{message}.*\n\Z")
+                self.assertTrue(self.files() == before, "files have changed")
+
+
+if __name__ == "__main__":
+    unittest.main(failfast=os.environ.get("GTEST_FAIL_FAST") == "1")
