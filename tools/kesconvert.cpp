@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <regex>
 
 #include "audio_file.h"
@@ -113,7 +115,9 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& done) {  // --help or --version
-    return app.exit(done);
+    app.exit(done);
+    if (!std::cout.flush()) failToWrite("standard output", errno);
+    return 0;
   } catch (const CLI::ParseError& error) {
     failUsage("{}; see kesconvert --help", error.what());
   }
