@@ -117,7 +117,7 @@ void OutputFile::createBeside() {
   temporary_ = place.parent_path() / fmt::format(".kesconvert-{:08x}", std::random_device()());
   if (temporary_.size() >= sizeof gTemporary) failToWrite(name_, ENAMETOOLONG);
   std::memcpy(gTemporary, temporary_.c_str(), temporary_.size() + 1);
-  for (const int signal : {SIGHUP, SIGINT, SIGTERM})
+  for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
     if (std::signal(signal, removeTemporaryAndDie) == SIG_IGN) std::signal(signal, SIG_IGN);  // as nohup wants it
 
   target_ = Descriptor(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
