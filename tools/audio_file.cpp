@@ -68,9 +68,10 @@ sf_count_t readVirtual(void* target, sf_count_t count, void* user) {
   const sf_count_t got = moveAll(file, count, [&](sf_count_t done, std::size_t left) {
     return file.sequential ? ::read(file.fd, bytes + done, left) : pread(file.fd, bytes + done, left, file.position);
   });
-  if (file.unknownSizeAt >= 0)
-    for (sf_count_t i = std::max(start, file.unknownSizeAt); i < std::min(start + got, file.unknownSizeAt + 4); ++i)
-      bytes[i - start] = 0xFF;
+  const sf_count_t mark = file.unknownSizeAt;
+  if (mark >= 0)
+    for (sf_count_t i = std::max(start, mark); i < std::min(start + got, mark + std::ssize(file.readAs)); ++i)
+      bytes[i - start] = static_cast<unsigned char>(file.readAs[static_cast<std::size_t>(i - mark)]);
   return got;
 }
 
@@ -111,7 +112,10 @@ std::uint32_t readWord(int fd, off_t at, bool bigEndian = false) {
   return bigEndian ? __builtin_bswap32(word) : word;
 }
 
-off_t readLong(int fd, off_t at) { return readWord(fd, at) | off_t{readWord(fd, at + 4)} << 32; }
+off_t readLong(int fd, off_t at, bool bigEndian = false) {
+  const off_t first = readWord(fd, at, bigEndian), second = readWord(fd, at + 4, bigEndian);
+  return bigEndian ? first << 32 | second : second << 32 | first;
+}
 
 // The four letters that containers and their parts begin with; empty where the file ends.
 std::string readName(int fd, off_t at) {
@@ -192,6 +196,19 @@ off_t unfilledSize(int fd, int major, off_t length) {
   return isRf64 ? kDataBytesAt + 3 : data + 4;  // its upper bytes, so that it is beyond any file's
 }
 
+// Where a CAF says that its audio goes on to the end of the file, by a size of -1; else -1.
+off_t openSize(int fd, off_t length) {
+  if (readName(fd, 0) != "caff") return -1;
+  constexpr off_t kStart = 12 + 4;  // a name, a size, and a count of edits before the audio
+  for (off_t chunk = 8; chunk + kStart <= length;) {
+    const off_t bytes = readLong(fd, chunk + 4, true);
+    if (readName(fd, chunk) == "data") return bytes == -1 ? chunk + 4 : -1;
+    if (bytes < 0 || bytes > length) return -1;
+    chunk += 12 + bytes;
+  }
+  return -1;
+}
+
 // What a file without a channel map is taken for.
 ChannelMask layoutWithoutMap(int major, unsigned channels) {
   if (major == SF_FORMAT_FLAC) return flacLayout(channels);
@@ -249,8 +266,14 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
       fail("cannot read {}: it does not begin as WAV, RF64, W64, AIFF, CAF, FLAC or AU; give one of these, or --raw",
            name);
     }
+    file_.unknownSizeAt = openSize(file_.fd, status.st_size);
     lseek(file_.fd, 0, SEEK_SET);
-    setSound(sf_open_fd(file_.fd, SFM_READ, &info, SF_FALSE));
+    if (file_.unknownSizeAt < 0) {
+      setSound(sf_open_fd(file_.fd, SFM_READ, &info, SF_FALSE));
+    } else {  // libsndfile refuses a size below 0, and one beyond kEndless
+      file_.readAs = {"\0\2", 2};
+      setSound(openSound(file_, SFM_READ, info));
+    }
   }
   const int major = info.format & SF_FORMAT_TYPEMASK;
   const sf_count_t framesThere = info.frames;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "files.h"
 #include "layout.h"
@@ -32,7 +33,8 @@ struct VirtualFile {
   int fd = -1;
   bool sequential = false;        // a stream: its position cannot be chosen
   sf_count_t length = 0;          // what libsndfile is told
-  sf_count_t unknownSizeAt = -1;  // four bytes that are read as FF FF FF FF, the mark for a size that is not known
+  sf_count_t unknownSizeAt = -1;  // where a size stands that is not known; its first bytes are read as
+  std::string_view readAs = "\xFF\xFF\xFF\xFF";
   sf_count_t position = 0;
   int error = 0;  // errno of a call that failed
 };
