@@ -26,18 +26,21 @@ class Guarded {
     void* const map = mmap(nullptr, mapped, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     begin_ = static_cast<uint8_t*>(map) + page, end_ = at_ = atEnd_ = begin_ + capacity;
     if (map == MAP_FAILED || mprotect(begin_, capacity, PROT_READ | PROT_WRITE) != 0) std::abort();
-    watch(begin_, end_, __asan_unpoison_memory_region);  // what an earlier map left
-    map_ = {map, [mapped](void* unused) { munmap(unused, mapped); }};
+    map_ = {map, [mapped](void* unused) {
+              watch(unused, mapped, __asan_unpoison_memory_region);
+              munmap(unused, mapped);
+            }};
   }
 
   // `used` bytes, `gap` bytes behind the lower guard or before the upper one; marked, as up to 64 bytes around them.
   uint8_t* place(size_t used, bool low, size_t gap = 0) {
-    watch(windowBegin(), windowEnd(), __asan_unpoison_memory_region);
+    const auto capacity = static_cast<size_t>(end_ - begin_);
+    watch(begin_, capacity, __asan_unpoison_memory_region);
     at_ = low ? begin_ + gap : end_ - used - gap;
     atEnd_ = at_ + used;
     std::fill(windowBegin(), windowEnd(), kMarker);
-    watch(windowBegin(), at_, __asan_poison_memory_region);
-    watch(atEnd_, windowEnd(), __asan_poison_memory_region);
+    watch(begin_, capacity, __asan_poison_memory_region);
+    watch(at_, used, __asan_unpoison_memory_region);
     return at_;
   }
 
@@ -48,8 +51,8 @@ class Guarded {
   }
 
  private:
-  static void watch(uint8_t* from, uint8_t* to, void (*change)(const volatile void*, size_t)) {
-    if (change) change(from, static_cast<size_t>(to - from));
+  static void watch(const void* from, size_t bytes, void (*change)(const volatile void*, size_t)) {
+    if (change) change(from, bytes);
   }
   uint8_t* windowBegin() const { return at_ - std::min<ptrdiff_t>(at_ - begin_, 64); }
   uint8_t* windowEnd() const { return atEnd_ + std::min<ptrdiff_t>(end_ - atEnd_, 64); }

@@ -34,7 +34,7 @@ class Stream {
     for (bool drained = false; !drained && !testing::Test::HasFailure();) {
       const auto most = static_cast<uint32_t>(std::min<size_t>(input.size() - at, blockBytes));
       const uint32_t offered = random.below(most + 1), room = random.below(blockBytes + 1);
-      uint8_t* const src = in_.place(offered, false);
+      uint8_t* const src = in_.place(offered, offered % 2 != 0);
       std::copy_n(input.begin() + static_cast<ptrdiff_t>(at), offered, src);
       uint8_t* const dst = out_.place(room, random.oneIn(2));
       uint32_t left = offered, made = room;

@@ -196,17 +196,27 @@ off_t unfilledSize(int fd, int major, off_t length) {
   return isRf64 ? kDataBytesAt + 3 : data + 4;  // its upper bytes, so that it is beyond any file's
 }
 
+// The chunk at which a CAF's row of chunks ends though the file does not: its size is below 0, or the file ends inside
+// its name and size. 0 if there is none.
+off_t lastChunk(int fd, off_t length) {
+  constexpr off_t kHeaderBytes = 12;
+  off_t chunk = 8;
+  for (std::string name; !(name = readName(fd, chunk)).empty() && name[0] != '\0';) {
+    const off_t bytes = readLong(fd, chunk + 4, true);
+    if (bytes < 0 || length < chunk + kHeaderBytes) return chunk;
+    if (bytes > length) return 0;
+    chunk += kHeaderBytes + bytes;
+  }
+  return 0;
+}
+
 // Where a CAF says that its audio goes on to the end of the file, by a size of -1; else -1.
 off_t openSize(int fd, off_t length) {
   if (readName(fd, 0) != "caff") return -1;
-  constexpr off_t kStart = 12 + 4;  // a name, a size, and a count of edits before the audio
-  for (off_t chunk = 8; chunk + kStart <= length;) {
-    const off_t bytes = readLong(fd, chunk + 4, true);
-    if (readName(fd, chunk) == "data") return bytes == -1 ? chunk + 4 : -1;
-    if (bytes < 0 || bytes > length) return -1;
-    chunk += 12 + bytes;
-  }
-  return -1;
+  const off_t chunk = lastChunk(fd, length);
+  constexpr off_t kAudioAt = 12 + 4;  // behind a name, a size, and a count of edits
+  const bool isOpen = readName(fd, chunk) == "data" && readLong(fd, chunk + 4, true) == -1;
+  return isOpen && chunk + kAudioAt <= length ? chunk + 4 : -1;
 }
 
 // What a file without a channel map is taken for.
@@ -216,12 +226,17 @@ ChannelMask layoutWithoutMap(int major, unsigned channels) {
 }
 
 // Whether the file ends too early in a way that libsndfile overlooks: inside a WAV's last header field, in an AU
-// whose size is beyond 31 bits, or anywhere in a W64, which says how long it is as a whole.
+// whose size is beyond 31 bits, inside the header of a CAF's chunk, which it would wait for without end where the file
+// is said to have no end, or anywhere in a W64, which says how long it is as a whole.
 bool isCutUnnoticed(int fd, int major, off_t length) {
   if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) return length < Riff(fd).find("data") + 8;
   if (major == SF_FORMAT_AU) {
     const AuHeader header(fd);
     return header.bytes != AuHeader::kUnknown && length < header.start + header.bytes;
+  }
+  if (major == SF_FORMAT_CAF) {
+    const off_t chunk = lastChunk(fd, length);
+    return chunk != 0 && readLong(fd, chunk + 4, true) >= 0;
   }
   constexpr off_t kWholeLengthAt = 16;
   return major == SF_FORMAT_W64 && length < readLong(fd, kWholeLengthAt);

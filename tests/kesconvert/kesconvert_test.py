@@ -34,7 +34,8 @@ class Kesconvert(unittest.TestCase):
         """Runs a command in the folder, where $K is the program; returns its exit code and its standard error."""
         with tempfile.TemporaryFile("w+", errors="replace") as says:  # a pipe's end would wait for what goes on behind
             code = subprocess.run(["sh", "-c", f"{FUNCTIONS}\n{command}"], cwd=self.folder, env=ENVIRONMENT,
-                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=says).returncode
+                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=says,
+                                  timeout=60).returncode
             says.seek(0)
             return code, says.read()
 
@@ -88,7 +89,7 @@ class Kesconvert(unittest.TestCase):
         self.succeed("inputs.txt")
         cases = cases_of("fails.txt", "\n+")
         cases += [f"1 $K cut/{path.name} old.wav => {path.name}" for path in (self.folder / "cut").iterdir()]
-        for name in "two.wav", "two.flac":  # cut at every byte
+        for name in "two.wav", "two.flac", "two.aiff", "two.au", "two.w64":  # cut at every byte
             cases += [f"1 head -c {size} {name} | $K - old.wav => "
                       for size in range((self.folder / name).stat().st_size)]
         before = self.files()
