@@ -196,8 +196,8 @@ off_t unfilledSize(int fd, int major, off_t length) {
   return isRf64 ? kDataBytesAt + 3 : data + 4;  // its upper bytes, so that it is beyond any file's
 }
 
-// The chunk at which a CAF's row of chunks ends though the file does not: its size is below 0, or the file ends inside
-// its name and size. 0 if there is none.
+// The chunk at which a CAF's row of chunks ends though the file does not: its size is below 0, or the file ends
+// inside its name and size. 0 if there is none.
 off_t lastChunk(int fd, off_t length) {
   constexpr off_t kHeaderBytes = 12;
   off_t chunk = 8;
@@ -226,8 +226,8 @@ ChannelMask layoutWithoutMap(int major, unsigned channels) {
 }
 
 // Whether the file ends too early in a way that libsndfile overlooks: inside a WAV's last header field, in an AU
-// whose size is beyond 31 bits, inside the header of a CAF's chunk, which it would wait for without end where the file
-// is said to have no end, or anywhere in a W64, which says how long it is as a whole.
+// whose size is beyond 31 bits, inside the header of a CAF's chunk, which it would wait for without end where the
+// file is said to have no end, or anywhere in a W64, which says how long it is as a whole.
 bool isCutUnnoticed(int fd, int major, off_t length) {
   if (major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX) return length < Riff(fd).find("data") + 8;
   if (major == SF_FORMAT_AU) {
