@@ -13,7 +13,7 @@
 
 namespace {
 
-#ifdef KESAUDIO_EMULATED
+#ifdef KESAUDIO_SLOW
 constexpr int kRounds = 40000;
 #else
 constexpr int kRounds = 250000;
