@@ -285,7 +285,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
     lseek(file_.fd, 0, SEEK_SET);
     if (file_.unknownSizeAt < 0) {
       setSound(sf_open_fd(file_.fd, SFM_READ, &info, SF_FALSE));
-    } else {  // libsndfile refuses a size below 0, and one beyond kEndless
+    } else {  // -1 becomes 00 02 FF ..., which is longer than any file, and shorter than kEndless, so not refused
       file_.readAs = {"\0\2", 2};
       setSound(openSound(file_, SFM_READ, info));
     }
