@@ -47,14 +47,20 @@ constexpr Family kFamilies[] = {
     {"front", toStereo<KES_LAYOUT_FRONT>, 3, 2, false},
     {"pairwise", toStereo<KES_LAYOUT_NONE>, 6, 2, false},
     {"pairwise", toStereo<KES_LAYOUT_NONE>, 8, 2, false},
+    {"5.1 of 8", toStereo<KES_LAYOUT_5POINT1>, 8, 2, false},
+    {"average", channel_DownMix_Fold_Mono_Average, 2, 1, false},
+    {"average", channel_DownMix_Fold_Mono_Average, 5, 1, false},
     {"average", channel_DownMix_Fold_Mono_Average, 6, 1, false},
     {"average", channel_DownMix_Fold_Mono_Average, 8, 1, false},
     {"fold", channel_DownMix_Fold_Minus3dB, 6, 1, false},
     {"strip", channel_DownMix_Strip, 8, 6, true},
     {"strip", channel_DownMix_Strip, 6, 4, true},
+    {"strip", channel_DownMix_Strip, 8, 2, true},
     {"duplicate", channel_UpMix_Duplicate, 2, 6, true},
     {"duplicate", channel_UpMix_Duplicate, 1, 2, true},
+    {"duplicate", channel_UpMix_Duplicate, 2, 8, true},
     {"zero fill", channel_UpMix_WithZero, 2, 6, true},
+    {"zero fill", channel_UpMix_WithZero, 6, 8, true},
 };
 
 struct Format {

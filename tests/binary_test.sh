@@ -24,6 +24,24 @@ echo "$dynamic" | grep -q "(SONAME).*\[libkesaudio\.so\.$major\]" || wrong "$lib
 
 readelf -rW "$library" | grep -wF "$declared" && wrong "$library" 'calls itself through names that others may have taken'
 
+# Vectors that are silently off change no result: the kernels' instructions must be there.
+case $(readelf -hW "$library") in
+  *AArch64*) objdump=aarch64-linux-gnu-objdump vectors='sqdmulh sqxtn2 tbl ld3' ;;
+  *) objdump=objdump vectors='pmulhw packssdw' ;;
+esac
+command -v $objdump >/dev/null || objdump=objdump
+for file in "$@"; do
+  case $file in
+    "$library") expected=$vectors ;;
+    *hwcaps/*/libkesaudio.so*) expected='vpmulhw vpackssdw vpshufb' ;;
+    *) continue ;;
+  esac
+  code=$($objdump -d --no-show-raw-insn "$file")
+  for instruction in $expected; do
+    echo "$code" | grep -qw "$instruction" || wrong "$file" "has no $instruction: are the kernels' vectors off?"
+  done
+done
+
 for file in "$@"; do
   segments=$(readelf -lW "$file") dynamic=$(readelf -dW "$file")
   leaked=$(nm -D --defined-only "$file" | awk '{ print $3 }' |
