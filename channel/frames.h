@@ -1,75 +1,58 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every kernel does around its arithmetic: counting frames, choosing a loop by channel count, walking frames.
+// What every kernel does around its arithmetic: the format's type, the count of frames, a plain walk over them.
 #ifndef KESAUDIO_CHANNEL_FRAMES_H
 #define KESAUDIO_CHANNEL_FRAMES_H
 
-#include <cstddef>
-#include <cstdint>
-#include <type_traits>
-
-#include "channel/pcm.h"
+#include "base/sample_format.h"
+#include "kesaudio/types.h"
 
 namespace kesaudio::channel {
 
-// Whole input frames in byteCount bytes: 0 for counts of 0 or less.
-template <class Pcm>
-constexpr std::int32_t frameCount(std::int32_t byteCount, std::int32_t srcChannels) {
-  return byteCount > 0 && srcChannels > 0 ? byteCount / Pcm::kBytes / srcChannels : 0;
-}
+// The two blocks of a call.
+struct Blocks {
+  Byte* dst;
+  std::int32_t dstChannels;
+  const Byte* src;
+  std::int32_t srcChannels;
+  std::int32_t byteCount;
+};
 
-// Bytes of a frame, wide enough for any channel count.
-template <class Pcm>
-constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
-  return std::ptrdiff_t{channels} * Pcm::kBytes;
-}
-
-// Calls body with the channel count: as a compile-time constant for the usual counts, so that loops over channels
-// unroll, and as a plain number for the rest.
+// Calls body with the sample type of the format; not at all for a format that no kernel converts.
 template <class Body>
-void withChannels(std::int32_t channels, Body body) {
-  switch (channels) {
-    case 1: return body(std::integral_constant<std::int32_t, 1>{});
-    case 2: return body(std::integral_constant<std::int32_t, 2>{});
-    case 3: return body(std::integral_constant<std::int32_t, 3>{});
-    case 4: return body(std::integral_constant<std::int32_t, 4>{});
-    case 5: return body(std::integral_constant<std::int32_t, 5>{});
-    case 6: return body(std::integral_constant<std::int32_t, 6>{});
-    case 7: return body(std::integral_constant<std::int32_t, 7>{});
-    case 8: return body(std::integral_constant<std::int32_t, 8>{});
-    default: return body(channels);
+void withFormat(PcmFormat format, Body body) {
+  switch (format) {
+    case KES_PCM_S16: return body(S16{});
+    case KES_PCM_S32:
+    case KES_PCM_Q8_24: return body(S32{});
+    case KES_PCM_S24_PACKED: return body(S24{});
   }
 }
 
-// Whether a count came as a constant.
-template <class Channels>
-inline constexpr bool kIsConstant = !std::is_same_v<Channels, std::int32_t>;
-
-// The same with two counts, both constants or both numbers.
-template <class Body>
-void withTwoCounts(std::int32_t first, std::int32_t second, Body body) {
-  withChannels(second <= 8 ? first : 0, [&](auto one) {
-    if constexpr (kIsConstant<decltype(one)>)
-      withChannels(second, [&](auto other) {
-        if constexpr (kIsConstant<decltype(other)>) body(one, other);
-      });
-    else
-      body(first, second);
-  });
+// Whole input frames: 0 for counts of 0 or less.
+template <class Format>
+std::ptrdiff_t frameCount(const Blocks& blocks) {
+  if (blocks.byteCount <= 0 || blocks.srcChannels <= 0) return 0;
+  return blocks.byteCount / Format::kBytes / blocks.srcChannels;
 }
 
-// Calls convert(outputFrame, inputFrame) for each frame, first to last: right for output frames no longer than the
-// input's, in place too.
-template <class Convert>
-void forwards(Byte* dst, std::ptrdiff_t dstStride, const Byte* src, std::ptrdiff_t srcStride, std::int32_t frames,
-              Convert convert) {
-  for (; frames > 0; --frames, dst += dstStride, src += srcStride) convert(dst, src);
+// Bytes of a frame, wide enough for any channel count.
+template <class Format>
+constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
+  return std::ptrdiff_t{channels} * Format::kBytes;
 }
 
-// The same, last to first: right for output frames no shorter than the input's, in place too.
+// Calls convert(output frame, input frame) for each frame, first to last: right in place for output frames no longer
+// than the input's.
 template <class Convert>
-void backwards(Byte* dst, std::ptrdiff_t dstStride, const Byte* src, std::ptrdiff_t srcStride, std::int32_t frames,
-               Convert convert) {
-  while (--frames >= 0) convert(dst + frames * dstStride, src + frames * srcStride);
+void forEachFrame(Byte* dst, std::ptrdiff_t dstBytes, const Byte* src, std::ptrdiff_t srcBytes, std::ptrdiff_t frames,
+                  Convert convert) {
+  for (; frames > 0; --frames, dst += dstBytes, src += srcBytes) convert(dst, src);
+}
+
+// Whether writing the first range of bytes leaves the second as it is.
+inline bool areApart(const Byte* written, std::ptrdiff_t writtenBytes, const Byte* read, std::ptrdiff_t readBytes) {
+  const auto a = reinterpret_cast<std::uintptr_t>(written), b = reinterpret_cast<std::uintptr_t>(read);
+  return a + static_cast<std::uintptr_t>(writtenBytes) <= b || b + static_cast<std::uintptr_t>(readBytes) <= a;
 }
 
 }  // namespace kesaudio::channel

@@ -19,8 +19,10 @@ if(NOT ANDROID)
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesaudio/platform COMPONENT development)
   install(EXPORT KesAudioHostTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
   foreach(level ${KESAUDIO_LEVELS})
-    install(TARGETS kesaudio_${level} COMPONENT library
-      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level} NAMELINK_SKIP)
+    if(TARGET kesaudio_${level})
+      install(TARGETS kesaudio_${level} COMPONENT library
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level} NAMELINK_SKIP)
+    endif()
     foreach(target ${KESAUDIO_PLATFORM_LIBRARIES})
       if(TARGET ${target}_${level})
         install(TARGETS ${target}_${level} COMPONENT library

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shifter library for machines without the platform's. A vector of samples at a time is read into 32-bit lanes,
-// with the channel kernels' vectors (channel/blocks.h), moved by the difference of the full scales, and written.
+// moved by the difference of the full scales, and written.
 // A rest goes the same way through a copy, so that not a byte outside the blocks is touched.
 #include "platform/shifter_lib.h"
 
@@ -9,59 +9,57 @@
 #include <iterator>
 #include <type_traits>
 
-#include "channel/blocks.h"
+#include "base/packed24.h"
 
 namespace {
 
-namespace pcm = kesaudio::channel;
-using pcm::Words;
-constexpr uint32_t kLanes = pcm::kLanes;
+using kesaudio::Byte;
+using kesaudio::I32x;
+constexpr uint32_t kLanes = 4 * kesaudio::kBlocks;
 
 // ---- samples in lanes
 
 typedef int16_t HalfVector __attribute__((vector_size(2 * kLanes)));
 
-template <class Pcm>
-Words loadLanes(const unsigned char* src) {
-  if constexpr (std::is_same_v<Pcm, pcm::P24>)
-    return pcm::loadPacked<1, 0>(src);
-  else if constexpr (std::is_same_v<Pcm, pcm::S16>)
-    return __builtin_convertvector(pcm::loadVector<HalfVector>(src), Words);
+template <class Sample>
+I32x loadLanes(const Byte* src) {
+  if constexpr (std::is_same_v<Sample, kesaudio::S24>)
+    return kesaudio::loadPacked24(src);
+  else if constexpr (std::is_same_v<Sample, kesaudio::S16>)
+    return __builtin_convertvector(kesaudio::load<HalfVector>(src), I32x);
   else
-    return pcm::loadVector<Words>(src);
+    return kesaudio::load<I32x>(src);
 }
 
-template <class Pcm>
-void storeLanes(unsigned char* dst, Words x) {
-  if constexpr (std::is_same_v<Pcm, pcm::P24>) {
-    pcm::storePacked<1, 0>(dst, x);
-  } else if constexpr (std::is_same_v<Pcm, pcm::S16>) {
-    const HalfVector halves = __builtin_convertvector(x, HalfVector);
-    std::memcpy(dst, &halves, sizeof halves);
-  } else {
-    std::memcpy(dst, &x, sizeof x);
-  }
+template <class Sample>
+void storeLanes(Byte* dst, I32x x) {
+  if constexpr (std::is_same_v<Sample, kesaudio::S24>)
+    kesaudio::storePacked24(dst, x);
+  else if constexpr (std::is_same_v<Sample, kesaudio::S16>)
+    kesaudio::store(dst, __builtin_convertvector(x, HalfVector));
+  else
+    kesaudio::store(dst, x);
 }
 
 // ---- from one full scale to another
 
 // Highest first: x is at most it, and at least its complement.
-Words clamped(Words x, int32_t highest) {
-  const Words high = Words{} + highest, low = ~high;
+I32x clamped(I32x x, int32_t highest) {
+  const I32x high = I32x{} + highest, low = ~high;
   x = x > high ? high : x;
   return x < low ? low : x;
 }
 
 // The integer nearest to x / 2^bits, of two the even one.
 template <int kBits>
-Words rounded(Words x) {
-  const Words below = x >> kBits, rest = x & ((1 << kBits) - 1);
+I32x rounded(I32x x) {
+  const I32x below = x >> kBits, rest = x & ((1 << kBits) - 1);
   return below + ((rest + (below & 1) + ((1 << (kBits - 1)) - 1)) >> kBits);
 }
 
 // A sample from one format to another: fullScaleBits and rangeBits are the powers of 2 that its values stay below.
 template <class From, class To>
-Words moved(Words x) {
+I32x moved(I32x x) {
   constexpr int kUp = To::kFullScaleBits - From::kFullScaleBits;
   constexpr auto kHighest = static_cast<int32_t>((uint32_t{1} << To::kRangeBits) - 1);
   if constexpr (kUp < 0) {
@@ -69,7 +67,7 @@ Words moved(Words x) {
     return From::kRangeBits + kUp >= To::kRangeBits ? clamped(x, kHighest) : x;
   } else if constexpr (From::kRangeBits + kUp > To::kRangeBits) {
     constexpr int32_t kLast = kHighest >> kUp;  // that can be shifted; from the next one on the result is the highest
-    return x > kLast ? Words{} + kHighest : clamped(x, kLast) << kUp;
+    return x > kLast ? I32x{} + kHighest : clamped(x, kLast) << kUp;
   } else {
     return x << kUp;
   }
@@ -77,37 +75,40 @@ Words moved(Words x) {
 
 // ---- the formats
 
-template <class PcmFormat, int kFullScale>
+template <class SampleType, int kFullScale>
 struct Format {
-  using Pcm = PcmFormat;
-  static constexpr int kFullScaleBits = kFullScale, kRangeBits = 8 * Pcm::kBytes - 1;
-  static constexpr uint32_t kBytes = Pcm::kBytes;
+  using Sample = SampleType;
+  static constexpr int kFullScaleBits = kFullScale, kRangeBits = 8 * Sample::kBytes - 1;
+  static constexpr uint32_t kBytes = Sample::kBytes;
 };
-using S16 = Format<pcm::S16, 15>;
-using S32 = Format<pcm::S32, 31>;
-using Q8_24 = Format<pcm::S32, 24>;
-using S24 = Format<pcm::P24, 23>;
+using S16 = Format<kesaudio::S16, 15>;
+using S32 = Format<kesaudio::S32, 31>;
+using Q8_24 = Format<kesaudio::S32, 24>;
+using S24 = Format<kesaudio::S24, 23>;
 
 // ---- blocks
 
 template <class From, class To>
-void convertLanes(const unsigned char* src, unsigned char* dst) {
-  storeLanes<typename To::Pcm>(dst, moved<From, To>(loadLanes<typename From::Pcm>(src)));
+void convertLanes(const Byte* src, Byte* dst) {
+  storeLanes<typename To::Sample>(dst, moved<From, To>(loadLanes<typename From::Sample>(src)));
 }
 
 template <class From, class To>
-void convert(const unsigned char* src, unsigned char* dst, uint32_t samples) {
-  for (; samples >= kLanes; samples -= kLanes, src += kLanes * From::kBytes, dst += kLanes * To::kBytes)
+void convert(const Byte* src, Byte* dst, uint32_t samples) {
+  // Behind a vector of packed samples there must be 4 bytes.
+  constexpr uint32_t kBehind = From::kBytes == 3 || To::kBytes == 3 ? 2 : 0;
+  for (; samples >= kLanes + kBehind; samples -= kLanes, src += kLanes * From::kBytes, dst += kLanes * To::kBytes)
     convertLanes<From, To>(src, dst);
   if (samples == 0) return;
-  unsigned char in[4 * kLanes] = {}, out[4 * kLanes];
+  Byte in[8 * kLanes + 4] = {}, out[8 * kLanes + 4];
   std::memcpy(in, src, samples * From::kBytes);
-  convertLanes<From, To>(in, out);
+  for (uint32_t done = 0; done < samples; done += kLanes)
+    convertLanes<From, To>(in + done * From::kBytes, out + done * To::kBytes);
   std::memcpy(dst, out, samples * To::kBytes);
 }
 
 struct Conversion {
-  void (*convert)(const unsigned char* src, unsigned char* dst, uint32_t samples);
+  void (*convert)(const Byte* src, Byte* dst, uint32_t samples);
   uint32_t fromBytes, toBytes;
 };
 
@@ -128,7 +129,7 @@ int32_t Shifter_Process(const void* src, uint32_t* inBytes, void* dst, uint32_t*
   }
   const Conversion& conversion = kConversions[convertType];
   const uint32_t samples = std::min(*inBytes / conversion.fromBytes, *outBytes / conversion.toBytes);
-  conversion.convert(static_cast<const unsigned char*>(src), static_cast<unsigned char*>(dst), samples);
+  conversion.convert(static_cast<const Byte*>(src), static_cast<Byte*>(dst), samples);
   *inBytes -= samples * conversion.fromBytes;
   *outBytes = samples * conversion.toBytes;
   return SHIFTER_OK;

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// The sample formats: how a sample is read and written, its range, and the width of a frame's sum.
+//
+//   format  bytes  range                       Sum
+//   S16     2      -32768 .. 32767             32 bits
+//   S24     3      -8388608 .. 8388607         32 bits
+//   S32     4      -2147483648 .. 2147483647   64 bits   (8.24 samples are moved and mixed as S32)
+//
+// Addresses may be odd, so samples are read and written through memcpy, which compiles to plain loads and stores.
+#ifndef KESAUDIO_BASE_SAMPLE_FORMAT_H
+#define KESAUDIO_BASE_SAMPLE_FORMAT_H
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace kesaudio {
+
+static_assert(std::endian::native == std::endian::little, "samples are little-endian");
+static_assert(sizeof(std::ptrdiff_t) == 8, "offsets need 64 bits");
+
+using Byte = unsigned char;
+
+struct S16 {
+  using Sum = std::int32_t;
+  static constexpr std::int32_t kBytes = 2;
+  static constexpr std::int32_t kMin = INT16_MIN, kMax = INT16_MAX;
+  static std::int32_t load(const Byte* p) {
+    std::int16_t sample;
+    std::memcpy(&sample, p, kBytes);
+    return sample;
+  }
+  static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
+};
+
+struct S24 {
+  using Sum = std::int32_t;
+  static constexpr std::int32_t kBytes = 3;
+  static constexpr std::int32_t kMin = -(1 << 23), kMax = (1 << 23) - 1;
+  static std::int32_t load(const Byte* p) {
+    // Into the upper three bytes, so that the shift back extends the sign.
+    const std::uint32_t top = std::uint32_t{p[0]} << 8 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 24;
+    return static_cast<std::int32_t>(top) >> 8;
+  }
+  static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
+};
+
+struct S32 {
+  using Sum = std::int64_t;
+  static constexpr std::int32_t kBytes = 4;
+  static constexpr std::int32_t kMin = INT32_MIN, kMax = INT32_MAX;
+  static std::int32_t load(const Byte* p) {
+    std::int32_t sample;
+    std::memcpy(&sample, p, kBytes);
+    return sample;
+  }
+  static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
+};
+
+}  // namespace kesaudio
+
+#endif

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+// Vectors of integer lanes on 64-bit Arm (NEON) and x86-64 (SSE2, SSE4.1, AVX2). Lanes are added, subtracted, shifted
+// and compared by the compilers' operators; simd_neon.h and simd_x86.h hold every other operation, under one name on
+// both machines, and nothing else in the tree asks which machine it is.
+//
+// A vector is kBlocks blocks of 16 bytes: one, or with AVX2 two. AVX2 shuffles inside a block only, so the blocks go
+// side by side through different frames: shuffles, zips and narrowing below work on each block for itself.
+#ifndef KESAUDIO_BASE_SIMD_H
+#define KESAUDIO_BASE_SIMD_H
+
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <utility>
+
+#include "base/sample_format.h"
+
+#if defined(__AVX2__)
+#define KESAUDIO_BLOCKS 2
+#else
+#define KESAUDIO_BLOCKS 1
+#endif
+
+// Vectors pass between functions of one file only, so no other object can disagree about how.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+// A call left standing would send its vectors through memory.
+#define KESAUDIO_INLINE [[gnu::always_inline]] inline
+#define KESAUDIO_INLINED __attribute__((always_inline))  // of a lambda
+
+namespace kesaudio {
+
+inline constexpr int kBlocks = KESAUDIO_BLOCKS, kVectorBytes = 16 * kBlocks;
+
+typedef std::uint8_t U8x __attribute__((vector_size(kVectorBytes)));
+typedef std::int16_t I16x __attribute__((vector_size(kVectorBytes)));
+typedef std::int32_t I32x __attribute__((vector_size(kVectorBytes)));
+typedef std::uint32_t U32x __attribute__((vector_size(kVectorBytes)));
+typedef std::int64_t I64x __attribute__((vector_size(kVectorBytes)));
+
+template <class Vector>
+KESAUDIO_INLINE Vector load(const Byte* p) {
+  Vector x;
+  std::memcpy(&x, p, sizeof x);
+  return x;
+}
+
+template <class Vector>
+KESAUDIO_INLINE void store(Byte* p, Vector x) {
+  std::memcpy(p, &x, sizeof x);
+}
+
+// body(0), body(1) ... body(kCount - 1), each with its number as a constant, so that arrays of vectors stay in registers.
+template <int kCount, class Body>
+KESAUDIO_INLINE void unrolled(Body body) {
+  [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED { (body(std::integral_constant<int, i>{}), ...); }
+  (std::make_integer_sequence<int, kCount>());
+}
+
+// In every block the lanes' numbers.
+template <class Vector>
+KESAUDIO_INLINE Vector laneNumbers() {
+  Vector x;
+  constexpr int kInBlock = 16 / static_cast<int>(sizeof x[0]);
+  for (int i = 0; i < kBlocks * kInBlock; ++i) x[i] = static_cast<std::remove_cvref_t<decltype(x[0])>>(i % kInBlock);
+  return x;
+}
+
+// The positions in the vector of the first 8 bytes of each block.
+KESAUDIO_INLINE I16x bytePositions() {
+  I16x x;
+  for (int i = 0; i < 8 * kBlocks; ++i) x[i] = static_cast<std::int16_t>(i + i / 8 * 8);
+  return x;
+}
+
+}  // namespace kesaudio
+
+#if defined(__aarch64__)
+#include "base/simd_neon.h"
+#elif defined(__x86_64__)
+#include "base/simd_x86.h"
+#else
+#error "vectors are for 64-bit Arm and x86-64"
+#endif
+
+#endif

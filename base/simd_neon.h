@@ -1,0 +1,280 @@
+// SPDX-License-Identifier: Apache-2.0
+// The vector operations of simd.h on 64-bit Arm, most of them one instruction.
+#ifndef KESAUDIO_BASE_SIMD_NEON_H
+#define KESAUDIO_BASE_SIMD_NEON_H
+
+#include <arm_neon.h>
+
+namespace kesaudio {
+
+inline constexpr bool kHasByteShuffle = true;  // permute
+
+// ---- moves
+
+// 16 bytes from p; vectors of two blocks take the second one from p + second.
+template <class Vector>
+KESAUDIO_INLINE Vector loadBlocks(const Byte* p, std::ptrdiff_t /*second*/) {
+  return (Vector)vld1q_u8(p);
+}
+
+// 16 bytes to p; vectors of two blocks put the second one to p + second.
+template <class Vector>
+KESAUDIO_INLINE void storeBlocks(Byte* p, std::ptrdiff_t /*second*/, Vector x) {
+  vst1q_u8(p, (uint8x16_t)x);
+}
+
+// 16 bytes from p in every block.
+KESAUDIO_INLINE U8x loadToEach(const Byte* p) { return (U8x)vld1q_u8(p); }
+
+// TBL: byte table[i] of the block, 0 where the table has 128 or more.
+KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16_t)x, (uint8x16_t)table); }
+
+// The same from 32 bytes of memory.
+struct LongTable {
+  U8x table;
+};
+KESAUDIO_INLINE LongTable longTable(U8x table) { return {table}; }
+struct LongWindow {
+  uint8x16x2_t bytes;
+};
+KESAUDIO_INLINE LongWindow loadLongWindow(const Byte* p) { return {vld1q_u8_x2(p)}; }
+KESAUDIO_INLINE U8x permute(const LongWindow& x, LongTable table) {
+  return (U8x)vqtbl2q_u8(x.bytes, (uint8x16_t)table.table);
+}
+
+// x, of whose value the compiler no longer knows anything.
+template <class Value>
+KESAUDIO_INLINE Value opaque(Value x) {
+  __asm__("" : "+r"(x));
+  return x;
+}
+
+// Multiples of a stride in registers. Left to themselves the compilers reach each frame by an addition to the last one's
+// address, where a load or store adds a register for nothing.
+template <int kCount>
+struct Strides {
+  std::ptrdiff_t multiples[kCount];
+  KESAUDIO_INLINE explicit Strides(std::ptrdiff_t stride) {
+    unrolled<kCount>([&](auto i) KESAUDIO_INLINED { multiples[i] = opaque(i * stride); });
+  }
+  KESAUDIO_INLINE std::ptrdiff_t operator[](int i) const { return multiples[i]; }
+};
+inline constexpr int kStrides = 8;  // as many as there are registers for, twice
+
+// ST1: stores kCount vectors side by side.
+template <int kCount>
+KESAUDIO_INLINE void storeAll(Byte* p, const U8x (&x)[kCount]) {
+  if constexpr (kCount == 1) {
+    store(p, x[0]);
+  } else if constexpr (kCount == 2) {
+    const uint8x16x2_t all = {{(uint8x16_t)x[0], (uint8x16_t)x[1]}};
+    vst1q_u8_x2(p, all);
+  } else if constexpr (kCount == 3) {
+    const uint8x16x3_t all = {{(uint8x16_t)x[0], (uint8x16_t)x[1], (uint8x16_t)x[2]}};
+    vst1q_u8_x3(p, all);
+  } else {
+    const uint8x16x4_t all = {{(uint8x16_t)x[0], (uint8x16_t)x[1], (uint8x16_t)x[2], (uint8x16_t)x[3]}};
+    vst1q_u8_x4(p, all);
+  }
+}
+
+// UZP1: the lower bytes of the lanes, x's before y's block by block.
+KESAUDIO_INLINE U8x narrowBytes(I16x x, I16x y) { return (U8x)vuzp1q_u8((uint8x16_t)x, (uint8x16_t)y); }
+
+// UZP1, UZP2: the even lanes of x, then of y; the odd ones.
+KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)vuzp1q_s16((int16x8_t)x, (int16x8_t)y); }
+KESAUDIO_INLINE I16x unzipOdd(I16x x, I16x y) { return (I16x)vuzp2q_s16((int16x8_t)x, (int16x8_t)y); }
+KESAUDIO_INLINE I32x unzipEven(I32x x, I32x y) { return (I32x)vuzp1q_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x unzipOdd(I32x x, I32x y) { return (I32x)vuzp2q_s32((int32x4_t)x, (int32x4_t)y); }
+
+// ZIP1, ZIP2: lanes of x and y in turn, from the lower half and from the upper one.
+KESAUDIO_INLINE I16x zipLow(I16x x, I16x y) { return (I16x)vzip1q_s16((int16x8_t)x, (int16x8_t)y); }
+KESAUDIO_INLINE I16x zipHigh(I16x x, I16x y) { return (I16x)vzip2q_s16((int16x8_t)x, (int16x8_t)y); }
+KESAUDIO_INLINE I32x zipLow(I32x x, I32x y) { return (I32x)vzip1q_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x zipHigh(I32x x, I32x y) { return (I32x)vzip2q_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)vzip1q_s64((int64x2_t)x, (int64x2_t)y); }
+KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)vzip2q_s64((int64x2_t)x, (int64x2_t)y); }
+
+// TRN1: each even lane twice.
+KESAUDIO_INLINE I16x duplicateEven(I16x x) { return (I16x)vtrn1q_s16((int16x8_t)x, (int16x8_t)x); }
+KESAUDIO_INLINE I32x duplicateEven(I32x x) { return (I32x)vtrn1q_s32((int32x4_t)x, (int32x4_t)x); }
+
+// From the order of two vectors that were unzipped or narrowed block by block to that of memory.
+template <class Vector>
+KESAUDIO_INLINE Vector inOrder(Vector x) {
+  return x;
+}
+
+// LD2, LD3, LD4: frames of kCount elements (pairs of samples here), one vector for each element.
+template <class Vector, int kCount, class Loaded>
+KESAUDIO_INLINE void take(const Loaded& loaded, Vector (&x)[kCount]) {
+  unrolled<kCount>([&](auto i) KESAUDIO_INLINED { x[i] = (Vector)loaded.val[i]; });
+}
+template <int kCount>
+KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
+  const auto from = reinterpret_cast<const std::int32_t*>(p);  // the instruction takes any address
+  if constexpr (kCount == 1) x[0] = load<I32x>(p);
+  if constexpr (kCount == 2) take(vld2q_s32(from), x);
+  if constexpr (kCount == 3) take(vld3q_s32(from), x);
+  if constexpr (kCount == 4) take(vld4q_s32(from), x);
+}
+template <int kCount>
+KESAUDIO_INLINE void loadElements(const Byte* p, I64x (&x)[kCount]) {
+  const auto from = reinterpret_cast<const std::int64_t*>(p);
+  if constexpr (kCount == 1) x[0] = load<I64x>(p);
+  if constexpr (kCount == 2) take(vld2q_s64(from), x);
+  if constexpr (kCount == 3) take(vld3q_s64(from), x);
+  if constexpr (kCount == 4) take(vld4q_s64(from), x);
+}
+
+// LD2: the sides of stereo frames, in the order of unzipEven and unzipOdd.
+KESAUDIO_INLINE void loadSides(const Byte* p, I16x& left, I16x& right) {
+  const auto loaded = vld2q_s16(reinterpret_cast<const std::int16_t*>(p));
+  left = (I16x)loaded.val[0], right = (I16x)loaded.val[1];
+}
+KESAUDIO_INLINE void loadSides(const Byte* p, I32x& left, I32x& right) {
+  const auto loaded = vld2q_s32(reinterpret_cast<const std::int32_t*>(p));
+  left = (I32x)loaded.val[0], right = (I32x)loaded.val[1];
+}
+
+// LD3: frames of three samples, as many as two vectors hold pairs, as the two sides and the third sample for each of
+// them; ST2 stores the sides of stereo frames. Here a side is a channel.
+KESAUDIO_INLINE void loadTriples(const Byte* p, I16x (&sides)[2], I16x (&third)[2]) {
+  const auto loaded = vld3q_s16(reinterpret_cast<const std::int16_t*>(p));
+  sides[0] = (I16x)loaded.val[0], sides[1] = (I16x)loaded.val[1], third[0] = third[1] = (I16x)loaded.val[2];
+}
+KESAUDIO_INLINE void loadTriples(const Byte* p, I32x (&sides)[2], I32x (&third)[2]) {
+  const auto loaded = vld3q_s32(reinterpret_cast<const std::int32_t*>(p));
+  sides[0] = (I32x)loaded.val[0], sides[1] = (I32x)loaded.val[1], third[0] = third[1] = (I32x)loaded.val[2];
+}
+KESAUDIO_INLINE void storeSides(Byte* p, I16x left, I16x right) {
+  const int16x8x2_t sides = {{(int16x8_t)left, (int16x8_t)right}};
+  vst2q_s16(reinterpret_cast<std::int16_t*>(p), sides);
+}
+KESAUDIO_INLINE void storeSides(Byte* p, I32x left, I32x right) {
+  const int32x4x2_t sides = {{(int32x4_t)left, (int32x4_t)right}};
+  vst2q_s32(reinterpret_cast<std::int32_t*>(p), sides);
+}
+
+// ---- arithmetic
+
+// SQDMULH: floor(x * factor / 2^15), floor(x * factor / 2^31).
+KESAUDIO_INLINE I16x scaleQ15(I16x x, std::int16_t factor) { return (I16x)vqdmulhq_n_s16((int16x8_t)x, factor); }
+KESAUDIO_INLINE I32x scaleQ31(I32x x, std::int32_t factor) { return (I32x)vqdmulhq_n_s32((int32x4_t)x, factor); }
+
+// floor(x * factor / 2^15) of 32-bit lanes, of a factor of at most 16 bits.
+KESAUDIO_INLINE I32x scaleQ15(I32x x, std::int16_t factor) { return scaleQ31(x, factor << 16); }
+
+// floor(x * factor / 2^(15 + shift)), of a factor of 16 bits and a shift of at least 1.
+KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
+  return scaleQ31(x, static_cast<std::int32_t>(std::uint32_t{factor} << (16 - shift)));
+}
+
+// SQADD: each sum limited to its lane.
+KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) { return (I16x)vqaddq_s16((int16x8_t)x, (int16x8_t)y); }
+KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((int32x4_t)x, (int32x4_t)y); }
+
+// x + y + z, limited once.
+KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
+  const auto a = (int32x4_t)x, b = (int32x4_t)y, c = (int32x4_t)z;
+  const int64x2_t low = vaddw_s32(vaddl_s32(vget_low_s32(a), vget_low_s32(b)), vget_low_s32(c));
+  return (I32x)vqmovn_high_s64(vqmovn_s64(low), vaddw_high_s32(vaddl_high_s32(a, b), c));
+}
+
+// The lanes of x, widened, lower half and upper half of each block.
+struct Wide {
+  I32x low, high;
+};
+// SADDL, SADDL2; SADDW, SADDW2.
+KESAUDIO_INLINE Wide widenAndAdd(I16x x, I16x y) {
+  const auto a = (int16x8_t)x, b = (int16x8_t)y;
+  return {(I32x)vaddl_s16(vget_low_s16(a), vget_low_s16(b)), (I32x)vaddl_high_s16(a, b)};
+}
+KESAUDIO_INLINE Wide widenAndAdd(Wide sum, I16x x) {
+  const auto a = (int16x8_t)x;
+  return {(I32x)vaddw_s16((int32x4_t)sum.low, vget_low_s16(a)), (I32x)vaddw_high_s16((int32x4_t)sum.high, a)};
+}
+
+// SQXTN, SQXTN2: two vectors limited to 16 bits, block by block.
+KESAUDIO_INLINE I16x saturateNarrow(I32x x, I32x y) {
+  return (I16x)vqmovn_high_s32(vqmovn_s32((int32x4_t)x), (int32x4_t)y);
+}
+
+// UZP1: the same of lanes that fit.
+KESAUDIO_INLINE I16x narrow(I32x x, I32x y) { return (I16x)vuzp1q_s16((int16x8_t)x, (int16x8_t)y); }
+
+// SADDLP, SADALP: the sum of each pair of lanes, twice as wide; sum + the same.
+KESAUDIO_INLINE I32x addPairs(I16x x) { return (I32x)vpaddlq_s16((int16x8_t)x); }
+KESAUDIO_INLINE I64x addPairs(I32x x) { return (I64x)vpaddlq_s32((int32x4_t)x); }
+KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return (I32x)vpadalq_s16((int32x4_t)sum, (int16x8_t)x); }
+KESAUDIO_INLINE I64x addPairs(I64x sum, I32x x) { return (I64x)vpadalq_s32((int64x2_t)sum, (int32x4_t)x); }
+
+// ADDP: the sums of pairs of lanes of x, then of y, block by block.
+KESAUDIO_INLINE I32x addNeighbours(I32x x, I32x y) { return (I32x)vpaddq_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I64x addNeighbours(I64x x, I64x y) { return (I64x)vpaddq_s64((int64x2_t)x, (int64x2_t)y); }
+
+// (x + y) / 2, rounded towards zero: SRHADD, which rounds up, where SHADD, which rounds down, is below zero.
+KESAUDIO_INLINE I16x averageOfTwo(I16x x, I16x y) {
+  const int16x8_t down = vhaddq_s16((int16x8_t)x, (int16x8_t)y), up = vrhaddq_s16((int16x8_t)x, (int16x8_t)y);
+  return (I16x)vbslq_s16(vcltzq_s16(down), up, down);
+}
+KESAUDIO_INLINE I32x averageOfTwo(I32x x, I32x y) {
+  const int32x4_t down = vhaddq_s32((int32x4_t)x, (int32x4_t)y), up = vrhaddq_s32((int32x4_t)x, (int32x4_t)y);
+  return (I32x)vbslq_s32(vcltzq_s32(down), up, down);
+}
+
+// ---- division
+
+// What a division by 2 to 8 multiplies by: floor(2^31 / divisor) + 1. The little that is too much keeps exact
+// quotients from falling below themselves, and is too little to reach the next.
+struct Divisor {
+  std::int32_t factor, times64, by64;  // 64 * divisor and 64: as values, MLS and MLA multiply by them
+};
+KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
+  return {static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 64 * divisor, 64};
+}
+
+// sum / divisor, rounded towards zero, of at most eight 16- or 24-bit samples: the floor (SQDMULH), and one more below
+// zero (USRA adds the sign bit).
+KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
+  const I32x floor = scaleQ31(sum, by.factor);
+  return (I32x)vsraq_n_u32((uint32x4_t)floor, (uint32x4_t)floor, 31);
+}
+KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) { return divide(sum, by); }
+
+// sums / divisor, rounded towards zero, of at most eight 32-bit samples, so of 34 bits and a sign. A first quotient of
+// sum / 64, of few enough bits to be exact, leaves a rest below 64 * divisor, whose quotient is exact as above; a
+// negative sum is rounded up as floor((rest - 1) / divisor) + 1.
+KESAUDIO_INLINE I32x divideWide(I64x low, I64x high, Divisor by) {
+  const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)low, 6), (int64x2_t)high, 6);
+  const int32x4_t bottom = vuzp1q_s32((int32x4_t)low, (int32x4_t)high);
+  const int32x4_t first = vqdmulhq_n_s32(top, by.factor - 1);
+  const int32x4_t rest = vsraq_n_s32(vmlsq_n_s32(bottom, first, by.times64), top, 31);
+  const int32x4_t floor = vmlaq_n_s32(vqdmulhq_n_s32(rest, by.factor), first, by.by64);
+  return (I32x)vsraq_n_u32((uint32x4_t)floor, (uint32x4_t)top, 31);
+}
+
+// The same by 2, 4 or 8: a shift, of negative sums with a bias.
+template <int kDivisor>
+KESAUDIO_INLINE I32x divideWideByPowerOf2(I64x low, I64x high) {
+  constexpr int kShift = std::bit_width(static_cast<unsigned>(kDivisor)) - 1;
+  const auto biased = [](I64x x) KESAUDIO_INLINED {
+    return (int64x2_t)vsraq_n_u64((uint64x2_t)x, (uint64x2_t)vshrq_n_s64((int64x2_t)x, 63), 64 - kShift);
+  };
+  return (I32x)vshrn_high_n_s64(vshrn_n_s64(biased(low), kShift), biased(high), kShift);
+}
+
+// SXTL, SXTL2 and their adding forms, in the order of memory.
+KESAUDIO_INLINE void widenAndAdd(I32x x, I32x y, I64x (&sum)[2]) {
+  const auto a = (int32x4_t)x, b = (int32x4_t)y;
+  sum[0] = (I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), sum[1] = (I64x)vaddl_high_s32(a, b);
+}
+KESAUDIO_INLINE void widenAndAdd(I64x (&sum)[2], I32x x) {
+  const auto a = (int32x4_t)x;
+  sum[0] = (I64x)vaddw_s32((int64x2_t)sum[0], vget_low_s32(a));
+  sum[1] = (I64x)vaddw_high_s32((int64x2_t)sum[1], a);
+}
+
+}  // namespace kesaudio
+
+#endif

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+// Frames moved as one piece each, of a size of its own: what a piece has beyond its frame, the next frame covers.
+#ifndef KESAUDIO_CHANNEL_PIECES_H
+#define KESAUDIO_CHANNEL_PIECES_H
+
+#include "base/simd.h"
+
+namespace kesaudio::channel {
+
+// Pieces of 2, 4, 8 and 16 bytes are numbers and vectors of that size; of 24 and 32 bytes a vector and another piece.
+template <class Value>
+struct Piece {
+  typedef Value Unaligned __attribute__((aligned(1), may_alias));
+  Value value;
+  KESAUDIO_INLINE explicit Piece(const Byte* p, const Byte* = nullptr) : value(*reinterpret_cast<const Unaligned*>(p)) {}
+  KESAUDIO_INLINE explicit Piece(Value x) : value(x) {}
+  KESAUDIO_INLINE void store(Byte* p, Byte* = nullptr) const { *reinterpret_cast<Unaligned*>(p) = value; }
+  KESAUDIO_INLINE Piece operator&(const Piece& mask) const { return Piece(value & mask.value); }
+};
+typedef std::uint64_t TwoLongs __attribute__((vector_size(16)));
+typedef Byte Bytes16 __attribute__((vector_size(16)));
+using Piece16 = Piece<Bytes16>;
+
+template <class Last>
+struct LongPiece {
+  Piece16 first;
+  Last last;
+  KESAUDIO_INLINE LongPiece(const Byte* p, const Byte* at16) : first(p), last(at16) {}
+  KESAUDIO_INLINE LongPiece(Piece16 x, Last y) : first(x), last(y) {}
+  KESAUDIO_INLINE void store(Byte* p, Byte* at16) const {
+    first.store(p);
+    last.store(at16);
+  }
+  // Of the last part alone.
+  KESAUDIO_INLINE LongPiece operator&(const Last& mask) const { return LongPiece(first, last & mask); }
+};
+
+struct Unmasked {};
+template <class Piece>
+KESAUDIO_INLINE Piece operator&(const Piece& piece, Unmasked) {
+  return piece;
+}
+
+// Copies a piece of each frame, less the bytes that mask takes away; several loads before their stores.
+template <class Piece, class Mask = Unmasked>
+[[gnu::noinline]] void copyPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
+                Mask mask = {}) {
+  constexpr int kTogether = sizeof(Piece) > 16 ? kStrides / 2 : kStrides;
+  const Strides<kTogether> outs(out), ins(in);
+  Byte* dst16 = opaque(dst + 16);
+  const Byte* src16 = opaque(src + 16);
+  for (; frames >= kTogether; frames -= kTogether) {
+    [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED {
+      const Piece pieces[] = {Piece(src + ins[i], src16 + ins[i])...};
+      ((pieces[i] & mask).store(dst + outs[i], dst16 + outs[i]), ...);
+    }
+    (std::make_integer_sequence<int, kTogether>());
+    dst += kTogether * out, dst16 += kTogether * out;
+    src += kTogether * in, src16 += kTogether * in;
+  }
+  for (; frames > 0; --frames, dst += out, src += in) (Piece(src, src + 16) & mask).store(dst, dst + 16);
+}
+
+}  // namespace kesaudio::channel
+
+#endif
