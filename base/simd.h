@@ -66,6 +66,15 @@ KESAUDIO_INLINE Vector laneNumbers() {
   return x;
 }
 
+// In every lane the number of its block.
+template <class Vector>
+KESAUDIO_INLINE Vector laneBlocks() {
+  Vector x;
+  constexpr int kInBlock = 16 / static_cast<int>(sizeof x[0]);
+  for (int i = 0; i < kBlocks * kInBlock; ++i) x[i] = static_cast<std::remove_cvref_t<decltype(x[0])>>(i / kInBlock);
+  return x;
+}
+
 // The positions in the vector of the first 8 bytes of each block.
 KESAUDIO_INLINE I16x bytePositions() {
   I16x x;

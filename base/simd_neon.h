@@ -245,7 +245,7 @@ KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) { return divide(sum, by);
 // sums / divisor, rounded towards zero, of at most eight 32-bit samples, so of 34 bits and a sign. A first quotient of
 // sum / 64, of few enough bits to be exact, leaves a rest below 64 * divisor, whose quotient is exact as above; a
 // negative sum is rounded up as floor((rest - 1) / divisor) + 1.
-KESAUDIO_INLINE I32x divideWide(I64x low, I64x high, Divisor by) {
+KESAUDIO_INLINE I32x divideTotals(I64x low, I64x high, Divisor by) {
   const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)low, 6), (int64x2_t)high, 6);
   const int32x4_t bottom = vuzp1q_s32((int32x4_t)low, (int32x4_t)high);
   const int32x4_t first = vqdmulhq_n_s32(top, by.factor - 1);
@@ -256,7 +256,7 @@ KESAUDIO_INLINE I32x divideWide(I64x low, I64x high, Divisor by) {
 
 // The same by 2, 4 or 8: a shift, of negative sums with a bias.
 template <int kDivisor>
-KESAUDIO_INLINE I32x divideWideByPowerOf2(I64x low, I64x high) {
+KESAUDIO_INLINE I32x divideTotalsByPowerOf2(I64x low, I64x high) {
   constexpr int kShift = std::bit_width(static_cast<unsigned>(kDivisor)) - 1;
   const auto biased = [](I64x x) KESAUDIO_INLINED {
     return (int64x2_t)vsraq_n_u64((uint64x2_t)x, (uint64x2_t)vshrq_n_s64((int64x2_t)x, 63), 64 - kShift);
@@ -264,15 +264,22 @@ KESAUDIO_INLINE I32x divideWideByPowerOf2(I64x low, I64x high) {
   return (I32x)vshrn_high_n_s64(vshrn_n_s64(biased(low), kShift), biased(high), kShift);
 }
 
-// SXTL, SXTL2 and their adding forms, in the order of memory.
-KESAUDIO_INLINE void widenAndAdd(I32x x, I32x y, I64x (&sum)[2]) {
+// SADDL, SADDL2; SADDW, SADDW2: the lanes of x, widened to 64 bits, and their quotients.
+struct WideSums {
+  I64x low, high;
+};
+KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) {
   const auto a = (int32x4_t)x, b = (int32x4_t)y;
-  sum[0] = (I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), sum[1] = (I64x)vaddl_high_s32(a, b);
+  return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)vaddl_high_s32(a, b)};
 }
-KESAUDIO_INLINE void widenAndAdd(I64x (&sum)[2], I32x x) {
+KESAUDIO_INLINE WideSums widenAndAdd(WideSums sum, I32x x) {
   const auto a = (int32x4_t)x;
-  sum[0] = (I64x)vaddw_s32((int64x2_t)sum[0], vget_low_s32(a));
-  sum[1] = (I64x)vaddw_high_s32((int64x2_t)sum[1], a);
+  return {(I64x)vaddw_s32((int64x2_t)sum.low, vget_low_s32(a)), (I64x)vaddw_high_s32((int64x2_t)sum.high, a)};
+}
+KESAUDIO_INLINE I32x divideWide(WideSums sum, Divisor by) { return divideTotals(sum.low, sum.high, by); }
+template <int kDivisor>
+KESAUDIO_INLINE I32x divideWideByPowerOf2(WideSums sum) {
+  return divideTotalsByPowerOf2<kDivisor>(sum.low, sum.high);
 }
 
 }  // namespace kesaudio

@@ -56,7 +56,7 @@ KESAUDIO_INLINE U8x loadToEach(const Byte* p) {
 #endif
 }
 
-#if defined(__SSSE3__)
+#if defined(__SSE4_1__)
 inline constexpr bool kHasByteShuffle = true;
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) {
   return (U8x)KESAUDIO_X86(shuffle_epi8)((Register)x, (Register)table);
@@ -292,14 +292,16 @@ KESAUDIO_INLINE Vector averageOfTwo(Vector x, Vector y) {
 
 // ---- division
 
-// What a division by 2 to 8 multiplies by: a little above 1 / divisor, so that exact quotients do not fall below
+// What a division by 2 to 8 multiplies by: a little more than 1 / divisor, so that exact quotients do not fall below
 // themselves however a thread rounds its floating-point numbers, and too little to reach the next quotient.
 struct Divisor {
   float small;
-  double exact;
+  std::int32_t factor;
+  double wide;
 };
 KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
-  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f), 1.0 / divisor * (1 + 0x1p-45)};
+  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f),
+          static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 1.0 / divisor * (1 + 0x1p-45)};
 }
 
 // The sum of at most eight 16-bit samples.
@@ -307,44 +309,74 @@ KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) {
   return __builtin_convertvector(__builtin_convertvector(sum, Floats) * by.small, I32x);
 }
 
-KESAUDIO_INLINE I32x join(HalfI32x low, HalfI32x high) {
-  return [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED {
-    return __builtin_shufflevector(low, high, i...);
-  }
-  (std::make_integer_sequence<int, 4 * kBlocks>());
-}
-template <int kHalf>
-KESAUDIO_INLINE HalfI32x half(I32x x) {
-  return [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED {
-    return __builtin_shufflevector(x, x, (i + kHalf * 2 * kBlocks)...);
-  }
-  (std::make_integer_sequence<int, 2 * kBlocks>());
-}
-
+// Of at most eight 24-bit samples: the floor of the product, from the even lanes and from the odd ones, and one more
+// below zero.
 KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
-  return join(__builtin_convertvector(__builtin_convertvector(half<0>(sum), Doubles) * by.exact, HalfI32x),
-              __builtin_convertvector(__builtin_convertvector(half<1>(sum), Doubles) * by.exact, HalfI32x));
+#if defined(__SSE4_1__)
+  const Register factor = KESAUDIO_X86(set1_epi32)(by.factor);
+  const auto even = (I64x)KESAUDIO_X86(mul_epi32)((Register)sum, factor);
+  const Register odd = KESAUDIO_X86(mul_epi32)(KESAUDIO_X86(srli_epi64)((Register)sum, 32), factor);
+  const Register evenFloor = KESAUDIO_X86(srli_epi64)((Register)(even + even), 32);
+  const auto oddFloor = KESAUDIO_X86(add_epi64)(odd, odd);
+  return (I32x)KESAUDIO_X86(blend_epi16)(evenFloor, oddFloor, 0xCC) - (sum >> 31);
+#else
+  for (int i = 0; i < 4; ++i) sum[i] = static_cast<std::int32_t>(sum[i] * by.wide);
+  return sum;
+#endif
 }
 
-// Below 2^52 a number in the lower bits of a double that is 1.5 * 2^52 is that double's fraction.
-KESAUDIO_INLINE HalfI32x divideWide(I64x sum, Divisor by) {
-  const Doubles exact = (Doubles)(sum + 0x4338000000000000) - 0x1.8p52;
-  return __builtin_convertvector(exact * by.exact, HalfI32x);
+// Of at most eight 32-bit samples and a bias. Below 2^52 a number in the lower bits of a double that is 1.5 * 2^52 is
+// that double's fraction.
+KESAUDIO_INLINE HalfI32x divideHalf(I64x sum, Divisor by, std::int64_t bias) {
+  const Doubles exact = (Doubles)(sum + (0x4338000000000000 - bias)) - 0x1.8p52;
+  const auto quotients = KESAUDIO_X86(cvttpd_epi32)((DoubleRegister)(exact * by.wide));
+#if defined(__AVX2__)
+  return (HalfI32x)quotients;
+#else
+  return (HalfI32x)_mm_cvtsi128_si64(quotients);
+#endif
 }
-KESAUDIO_INLINE I32x divideWide(I64x low, I64x high, Divisor by) {
-  return join(divideWide(low, by), divideWide(high, by));
+
+// The sums of the even lanes and of the odd ones, each of count lanes as unsigned numbers, 2^31 more than they are.
+struct WideSums {
+  I64x even, odd;
+  int count;
+};
+KESAUDIO_INLINE WideSums widenAndAdd(WideSums sum, I32x x) {
+  const I64x biased = (I64x)(x ^ INT32_MIN);
+  return {sum.even + (biased & UINT32_MAX), sum.odd + (I64x)KESAUDIO_X86(srli_epi64)((Register)biased, 32),
+          sum.count + 1};
+}
+KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) { return widenAndAdd(widenAndAdd(WideSums{{}, {}, 0}, x), y); }
+
+KESAUDIO_INLINE I32x divideWide(WideSums sum, Divisor by) {
+  const std::int64_t bias = std::int64_t{sum.count} << 31;
+  const HalfI32x even = divideHalf(sum.even, by, bias), odd = divideHalf(sum.odd, by, bias);
+#if defined(__AVX2__)
+  return (I32x)_mm256_set_m128i(_mm_unpackhi_epi32((__m128i)even, (__m128i)odd),
+                                _mm_unpacklo_epi32((__m128i)even, (__m128i)odd));
+#else
+  return I32x{even[0], odd[0], even[1], odd[1]};
+#endif
+}
+
+// Of the totals of the first frames and of the next.
+KESAUDIO_INLINE I32x divideTotals(I64x first, I64x second, Divisor by) {
+  const HalfI32x low = divideHalf(first, by, 0), high = divideHalf(second, by, 0);
+#if defined(__AVX2__)
+  return (I32x)_mm256_set_m128i((__m128i)high, (__m128i)low);
+#else
+  return I32x{low[0], low[1], high[0], high[1]};
+#endif
+}
+
+template <int kDivisor>
+KESAUDIO_INLINE I32x divideWideByPowerOf2(WideSums sum) {
+  return divideWide(sum, makeDivisor(kDivisor));
 }
 template <int kDivisor>
-KESAUDIO_INLINE I32x divideWideByPowerOf2(I64x low, I64x high) {
-  return divideWide(low, high, makeDivisor(kDivisor));
-}
-
-KESAUDIO_INLINE void widenAndAdd(I64x (&sum)[2], I32x x) {
-  sum[0] += __builtin_convertvector(half<0>(x), I64x), sum[1] += __builtin_convertvector(half<1>(x), I64x);
-}
-KESAUDIO_INLINE void widenAndAdd(I32x x, I32x y, I64x (&sum)[2]) {
-  sum[0] = __builtin_convertvector(half<0>(x), I64x), sum[1] = __builtin_convertvector(half<1>(x), I64x);
-  widenAndAdd(sum, y);
+KESAUDIO_INLINE I32x divideTotalsByPowerOf2(I64x first, I64x second) {
+  return divideTotals(first, second, makeDivisor(kDivisor));
 }
 
 }  // namespace kesaudio

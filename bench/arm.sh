@@ -1,15 +1,14 @@
 #!/bin/sh
-# How many instructions a frame costs on 64-bit Arm, counted without one: the kernels are built for aarch64 by g++ and
-# by clang, with their vectors and with plain loops alone (KESAUDIO_PLAIN), and run under qemu-aarch64, one instruction
-# at a time, each of which it logs. From the log also comes one turn of each vector loop, in the order of its running,
+# How many instructions a frame costs on 64-bit Arm, counted without one: the kernels and the same mixes as plain loops
+# are built for aarch64 by g++ and by clang, and run under qemu-aarch64, one instruction at a time, each of which it logs. From the log also comes one turn of each vector loop, in the order of its running,
 # for llvm-mca to say what it takes on two processors. Prints Markdown; keeps the builds and the loops in build/arm/.
 #
 #   bench/arm.sh    from the root of the project
 set -eu
 
 folder=build/arm
-sources="channel/fold.cpp channel/mono_average.cpp channel/stereo.cpp channel/strip.cpp channel/upmix.cpp
-  bench/arm_count.cpp"
+kernels='channel/fold.cpp channel/mono_average.cpp channel/stereo.cpp channel/strip.cpp channel/upmix.cpp'
+plain=bench/plain_kernels.cpp
 flags="-std=c++20 -O3 -fno-exceptions -fno-rtti -ffp-contract=off -static -I. -Iinclude"
 # A mid-size core that starts instructions in order, and a large one that does not. The larger ones that llvm 14 knows
 # by name (Cortex-A76, X1, Neoverse N1) have the model of the Cortex-A57.
@@ -24,11 +23,11 @@ done
 rm -rf $folder
 mkdir -p $folder
 
-# name, compiler and flags: a line "cell|aim|instructions a frame|addresses of one turn of the loop" for each cell, in
+# name, sources, compiler and flags: a line "cell|aim|instructions a frame|addresses of one turn of the loop" for each cell, in
 # $folder/name.
 count() {
-  name=$1 && shift
-  "$@" $flags $sources -o $folder/$name.elf
+  name=$1 sources=$2 && shift 2
+  "$@" $flags $sources bench/arm_count.cpp -o $folder/$name.elf
   qemu-aarch64 -singlestep -d nochain,exec $folder/$name.elf 2>&1 | awk '
     /^Trace/ { ++count; if (marks == 3) { split($0, part, "/"); ran[count] = part[2] } next }
     $1 == "frames" { frames = $2 }
@@ -71,10 +70,10 @@ analyse() {
   done
 }
 
-count gcc aarch64-linux-gnu-g++
-count clang clang++ --target=aarch64-linux-gnu
-count gcc-plain aarch64-linux-gnu-g++ -DKESAUDIO_PLAIN
-count clang-plain clang++ --target=aarch64-linux-gnu -DKESAUDIO_PLAIN
+count gcc "$kernels" aarch64-linux-gnu-g++
+count clang "$kernels" clang++ --target=aarch64-linux-gnu
+count gcc-plain $plain aarch64-linux-gnu-g++
+count clang-plain $plain clang++ --target=aarch64-linux-gnu
 analyse gcc
 analyse clang
 

@@ -9,16 +9,9 @@
 
 namespace kesaudio::channel {
 
-// KESAUDIO_PLAIN leaves the loops over single samples, to compare with.
-#if defined(KESAUDIO_PLAIN)
-inline constexpr bool kIsPlain = true;
-#else
-inline constexpr bool kIsPlain = false;
-#endif
-
 // Whether samples of the format are mixed in vectors, in frames of up to kMaxMixChannels.
 template <class Format>
-inline constexpr bool kHasMixes = !kIsPlain && (kHasByteShuffle || !std::is_same_v<Format, S24>);
+inline constexpr bool kHasMixes = kHasByteShuffle || !std::is_same_v<Format, S24>;
 inline constexpr std::int32_t kMaxMixChannels = 8;
 
 // A mix's loop: converts whole steps of `frames` frames. It reads readBytes from the start of a step's last frame and
@@ -62,10 +55,11 @@ MixLoop mixLoop(std::int32_t channels) {
 // Mixes the frames of a block.
 [[gnu::noinline]] inline void mixFrames(const MixLoop& loop, Byte* dst, const Byte* src, std::ptrdiff_t frames, const MixCall& call) {
   const std::ptrdiff_t in = call.frameBytes, out = loop.outBytes;
-  // The frames that must follow the last step.
-  const std::ptrdiff_t forReads = (loop.readBytes - 1) / in, forSpill = (loop.spill + out - 1) / out;
-  const std::ptrdiff_t whole = frames - (forReads > forSpill ? forReads : forSpill);
-  const std::ptrdiff_t steps = whole > 0 ? whole / loop.frames : 0;
+  // Less a step where the last one would reach beyond the block.
+  std::ptrdiff_t steps = static_cast<std::uint32_t>(frames) / static_cast<std::uint32_t>(loop.frames);
+  while (steps > 0 && ((steps * loop.frames - 1) * in + loop.readBytes > frames * in ||
+                       steps * loop.frames * out + loop.spill > frames * out))
+    --steps;
   loop.run(dst, src, steps, call);
 
   const std::ptrdiff_t done = steps * loop.frames, rest = frames - done;

@@ -49,9 +49,9 @@ struct Average<S32, kChannels> {
   KESAUDIO_INLINE I64x operator()(I64x sum, I32x x) const { return addPairs(sum, x); }
   KESAUDIO_INLINE I32x finish(I64x first, I64x second) const {
     if constexpr (kChannels == 4 || kChannels == 8)
-      return divideWideByPowerOf2<kChannels>(first, second);
+      return divideTotalsByPowerOf2<kChannels>(first, second);
     else
-      return divideWide(first, second, divisor);
+      return divideTotals(first, second, divisor);
   }
 };
 

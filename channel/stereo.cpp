@@ -181,13 +181,12 @@ struct Pairwise {
       for (int i = 1; i < kPairs; ++i) sum += pairs[i];
       return divide(sum, divisor);
     } else {
-      I64x sum[2];
-      widenAndAdd(pairs[0], pairs[kPairs > 1 ? 1 : 0], sum);
-      for (int i = 2; i < kPairs; ++i) widenAndAdd(sum, pairs[i]);
+      WideSums sum = widenAndAdd(pairs[0], pairs[kPairs > 1 ? 1 : 0]);
+      for (int i = 2; i < kPairs; ++i) sum = widenAndAdd(sum, pairs[i]);
       if constexpr (kChannels == 4 || kChannels == 8)
-        return divideWideByPowerOf2<kChannels>(sum[0], sum[1]);
+        return divideWideByPowerOf2<kChannels>(sum);
       else
-        return divideWide(sum[0], sum[1], divisor);
+        return divideWide(sum, divisor);
     }
   }
 };

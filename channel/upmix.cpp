@@ -32,112 +32,165 @@ void expandFrame(Byte* out, std::size_t outBytes, const Byte* in, std::size_t in
 constexpr int kMaxVectors = 4;
 constexpr std::ptrdiff_t kMaxIn = 32, kMaxOut = 64;
 
+// The vectors of a unit share a window at its start. With two blocks, where that leaves half a vector over, a unit has
+// a second window half-way: the first vector is of the first window, the last of the second, one between of both.
 struct Unit {
-  std::ptrdiff_t frames, window, vectors;
+  std::ptrdiff_t frames, readBytes, vectors;
+  std::ptrdiff_t secondWindow;  // 0: none
   U8x tables[kMaxVectors];
 };
 
-// Byte p of a unit's output is byte j of a frame, j = p mod out, and comes from byte j, or j mod in, of that frame.
-U8x makeTable(int first, std::int16_t in, std::int16_t out, Fill fill) {
-  I16x from[2];
-  // x / n as a product of 15 bits: x * n is below 2^14.
-  const auto quotient = [](I16x x, int n) { return scaleQ15(x + x, static_cast<std::int16_t>(16384 / n + 1)); };
-  for (int half = 0; half < 2; ++half) {
-    const I16x p = bytePositions() + static_cast<std::int16_t>(first + 8 * half);
-    const I16x frame = quotient(p, out), j = p - frame * out;
-    const I16x again = fill == Fill::kRepeat ? quotient(j, in) : I16x{}, silent = again == 0 ? j >= in : I16x{};
-    from[half] = ((j + (frame - again) * in) | silent) & 255;
+// What a number x is multiplied by to become x / n, in units of 2^-14, as long as x * n is below 2^14.
+struct Reciprocals {
+  std::int16_t of[kMaxOut + 1] = {};
+  constexpr Reciprocals() {
+    for (int n = 1; n <= kMaxOut; ++n) of[n] = static_cast<std::int16_t>(16384 / n + 1);
   }
-  return narrowBytes(from[0], from[1]);
-}
+};
+constexpr Reciprocals kReciprocals;
+
+// Byte p of a unit's output is byte j of a frame, j = p mod out, and comes from byte j, or j mod in, of that frame.
+struct TableMaker {
+  std::int16_t in, out, perIn, perOut;
+  Fill fill;
+
+  // For the output from byte `first` on, counted from the start of the unit's input less origin.
+  U8x make(int first, I16x origin) const {
+    I16x from[2];
+    for (int half = 0; half < 2; ++half) {
+      const I16x p = bytePositions() + static_cast<std::int16_t>(first + 8 * half);
+      const I16x frame = scaleQ15(p + p, perOut), j = p - frame * out, again = scaleQ15(j + j, perIn);
+      const I16x source = j + frame * in - origin;
+      from[half] = (fill == Fill::kRepeat ? source - again * in : source | (again > 0)) & 255;
+    }
+    return narrowBytes(from[0], from[1]);
+  }
+  std::ptrdiff_t frameAt(std::ptrdiff_t p) const { return p * perOut >> 14; }
+};
 
 Unit makeUnit(std::ptrdiff_t in, std::ptrdiff_t out, Fill fill) {
+  const TableMaker maker{static_cast<std::int16_t>(in), static_cast<std::int16_t>(out), kReciprocals.of[in], kReciprocals.of[out],
+                         fill};
+  const std::ptrdiff_t byInput = in <= 16 ? 16 * maker.perIn >> 14 : 1, byOutput = maker.frameAt(kMaxVectors * kVectorBytes);
   Unit unit;
-  unit.window = in <= 16 ? 16 : 32;
-  const std::ptrdiff_t byInput = in <= 16 ? 16 / in : 1, byOutput = kMaxVectors * kVectorBytes / out;
   unit.frames = byInput < byOutput ? byInput : byOutput;
+  unit.readBytes = in <= 16 ? 16 : 32;
+  unit.secondWindow = 0;
+  const std::ptrdiff_t bytes = unit.frames * out;
+  if (kBlocks == 2 && in <= 16 && (bytes == 16 || bytes == 48)) {
+    unit.secondWindow = unit.frames * in;
+    unit.readBytes += unit.secondWindow;
+    unit.frames *= 2;
+  }
   unit.vectors = (unit.frames * out + kVectorBytes - 1) / kVectorBytes;
-  for (int v = 0; v < unit.vectors; ++v)
-    unit.tables[v] = makeTable(v * kVectorBytes, static_cast<std::int16_t>(in), static_cast<std::int16_t>(out), fill);
+  const I16x origin = I16x{} + static_cast<std::int16_t>(unit.secondWindow);
+  for (int v = 0; v < unit.vectors; ++v) {
+    const bool isSecond = 2 * v > unit.vectors, isBoth = 2 * v + 1 == unit.vectors;
+    unit.tables[v] = maker.make(v * kVectorBytes, isSecond ? origin : isBoth ? origin * laneBlocks<I16x>() : I16x{});
+  }
   return unit;
 }
 
-// The tables for a window of 16 bytes, and of 32.
-template <int kVectors, bool kIsLong>
-struct Tables {
-  U8x table[kVectors];
-  explicit Tables(const U8x* from) {
-    for (int v = 0; v < kVectors; ++v) table[v] = from[v];
+// A unit's vectors from a window of 16 bytes, from one of 32, and from two of 16.
+enum class Windows { kShort, kLong, kTwo };
+
+template <Windows kWindows, int kVectors>
+struct Permutation {
+  U8x tables[kVectors];
+  explicit Permutation(const Unit& unit) {
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = unit.tables[v]; });
   }
   KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
     const U8x window = loadToEach(src);
-    for (int v = 0; v < kVectors; ++v) x[v] = permute(window, table[v]);
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = permute(window, tables[v]); });
   }
 };
 
 template <int kVectors>
-struct Tables<kVectors, true> {
-  LongTable table[kVectors];
-  explicit Tables(const U8x* from) {
-    for (int v = 0; v < kVectors; ++v) table[v] = longTable(from[v]);
+struct Permutation<Windows::kLong, kVectors> {
+  LongTable tables[kVectors];
+  explicit Permutation(const Unit& unit) {
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = longTable(unit.tables[v]); });
   }
   KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
     const LongWindow window = loadLongWindow(src);
-    for (int v = 0; v < kVectors; ++v) x[v] = permute(window, table[v]);
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = permute(window, tables[v]); });
+  }
+};
+
+template <int kVectors>
+struct Permutation<Windows::kTwo, kVectors> {
+  U8x tables[kVectors];
+  const std::ptrdiff_t second;
+  explicit Permutation(const Unit& unit) : second(unit.secondWindow) {
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = unit.tables[v]; });
+  }
+  KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
+    constexpr int kBoth = kVectors / 2;
+    x[0] = permute(loadToEach(src), tables[0]);
+    x[kVectors - 1] = permute(loadToEach(src + second), tables[kVectors - 1]);
+    x[kBoth] = permute(loadBlocks<U8x>(src, second), tables[kBoth]);
   }
 };
 
 // A vector's bytes beyond its unit are covered by the next one.
-template <int kVectors, bool kIsLong>
+template <Windows kWindows, int kVectors>
 [[gnu::noinline]] void expandUnits(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
-                                   std::ptrdiff_t units, const U8x* from) {
+                                   std::ptrdiff_t units, const Unit& unit) {
   constexpr int kTogether = kVectors == 1 ? kStrides : kVectors == 2 ? kStrides / 2 : 2;
   const Strides<kTogether> outs(out), ins(in);
-  const Tables<kVectors, kIsLong> tables(from);
+  const Permutation<kWindows, kVectors> permutation(unit);
   for (; units >= kTogether; units -= kTogether) {
     U8x x[kTogether][kVectors];
-    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { tables.apply(src + ins[i], x[i]); });
+    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { permutation.apply(src + ins[i], x[i]); });
     src += kTogether * in;
     unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { storeAll(dst + outs[i], x[i]); });
     dst += kTogether * out;
   }
   for (; units > 0; --units, dst += out, src += in) {
     U8x x[kVectors];
-    tables.apply(src, x);
+    permutation.apply(src, x);
     storeAll(dst, x);
   }
 }
 
 using ExpandUnits = void (*)(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t units,
-                             const U8x* tables);
+                             const Unit& unit);
 
-template <bool kIsLong>
+template <Windows kWindows>
 ExpandUnits expandUnitsOf(std::ptrdiff_t vectors) {
   switch (vectors) {
-    case 1: return expandUnits<1, kIsLong>;
-    case 2: return expandUnits<2, kIsLong>;
-    case 3: return expandUnits<3, kIsLong>;
-    default: return expandUnits<4, kIsLong>;
+    case 1: return expandUnits<kWindows, 1>;
+    case 2: return expandUnits<kWindows, 2>;
+    case 3: return expandUnits<kWindows, 3>;
+    default: return expandUnits<kWindows, 4>;
   }
+}
+
+ExpandUnits expandUnitsOf(const Unit& unit, std::ptrdiff_t in) {
+  if (in > 16) return expandUnitsOf<Windows::kLong>(unit.vectors);
+  if constexpr (kBlocks == 2)
+    if (unit.secondWindow != 0) return unit.vectors == 1 ? expandUnits<Windows::kTwo, 1> : expandUnits<Windows::kTwo, 3>;
+  return expandUnitsOf<Windows::kShort>(unit.vectors);
 }
 
 // Whole units as far as their windows and vectors end inside the blocks, the rest by way of
 // a copy.
 void expandByUnits(const Unit& unit, Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                    std::ptrdiff_t frames) {
-  const ExpandUnits expand = unit.window == 16 ? expandUnitsOf<false>(unit.vectors) : expandUnitsOf<true>(unit.vectors);
+  const ExpandUnits expand = expandUnitsOf(unit, in);
   const std::ptrdiff_t unitIn = unit.frames * in, unitOut = unit.frames * out;
-  const std::ptrdiff_t forReads = (unit.window - unitIn + in - 1) / in;
-  const std::ptrdiff_t forSpill = (unit.vectors * kVectorBytes - unitOut + out - 1) / out;
-  const std::ptrdiff_t whole = frames - (forReads > forSpill ? forReads : forSpill);
-  const std::ptrdiff_t units = whole > 0 ? whole / unit.frames : 0;
-  expand(dst, unitOut, src, unitIn, units, unit.tables);
+  // Less a unit where the last window or vectors would reach beyond the block.
+  const std::ptrdiff_t lastIn = frames * in - unit.readBytes, lastOut = frames * out - unit.vectors * kVectorBytes;
+  std::ptrdiff_t units = static_cast<std::uint32_t>(frames) / static_cast<std::uint32_t>(unit.frames);
+  while (units > 0 && ((units - 1) * unitIn > lastIn || (units - 1) * unitOut > lastOut)) --units;
+  expand(dst, unitOut, src, unitIn, units, unit);
 
   const std::ptrdiff_t done = units * unit.frames, rest = frames - done;
   if (rest == 0) return;
   Byte from[256] = {}, to[1024];
   std::memcpy(from, src + done * in, static_cast<std::size_t>(rest * in));
-  expand(to, unitOut, from, unitIn, (rest + unit.frames - 1) / unit.frames, unit.tables);
+  expand(to, unitOut, from, unitIn, (rest + unit.frames - 1) / unit.frames, unit);
   std::memcpy(dst + done * out, to, static_cast<std::size_t>(rest * out));
 }
 
@@ -201,7 +254,7 @@ void upmix(const Blocks& blocks, PcmFormat format, Fill fill) {
     using Format = decltype(formatTag);
     const std::ptrdiff_t in = frameBytes<Format>(blocks.srcChannels), out = frameBytes<Format>(blocks.dstChannels);
     const std::ptrdiff_t frames = frameCount<Format>(blocks);
-    if (frames == 0 || frames > INT32_MAX / out) return;
+    if (frames == 0 || out > INT32_MAX || frames * out > INT32_MAX) return;
     if (in < out)
       expandFrames(blocks.dst, out, blocks.src, in, frames, fill);
     else if (in == out)
