@@ -13,17 +13,18 @@ template <template <class Format, int kChannels> class Mix, class LoaderType>
 struct MonoStep {
   using Loader = LoaderType;
   using Format = typename Loader::Format;
-  static constexpr std::ptrdiff_t kReadBytes = Loader::kReadBytes, kOutBytes = frameBytes<Format>(1);
+  static constexpr std::ptrdiff_t kOutBytes = frameBytes<Format>(1);
   static constexpr int kFrames = kStepFrames<Format>;
   const Loader loader;
   const Mix<Format, Loader::kChannels> mix;
 
   explicit MonoStep(const MixCall& call) : loader(call), mix(call) {}
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return Loader::readBytes(frameBytes); }
   std::ptrdiff_t stride() const { return loader.stride(); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     const auto first = loader.total(src, mix);
     const auto second = loader.total(src + kFrames / 2 * stride(), mix);
-    storeSamples<Format>(dst, mix.finish(first, second));
+    storeLastSamples<Format>(dst, mix.finish(first, second));
   }
 };
 

@@ -56,14 +56,15 @@ struct Average<S32, kChannels> {
 };
 
 // Of stereo frames the sides are averaged without their sum, two vectors of them in a step.
-template <class FormatType>
+template <class FormatType, bool kIsPacked = std::is_same_v<FormatType, S24>>
 struct AverageOfTwo {
   using Format = FormatType;
-  static constexpr std::ptrdiff_t kReadBytes = frameBytes<Format>(2), kOutBytes = frameBytes<Format>(1);
+  static constexpr std::ptrdiff_t kOutBytes = frameBytes<Format>(1);
   static constexpr int kFrames = 2 * kStepFrames<Format>;
 
   explicit AverageOfTwo(const MixCall&) {}
-  static constexpr std::ptrdiff_t stride() { return kReadBytes; }
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return frameBytes; }
+  static constexpr std::ptrdiff_t stride() { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> left[2], right[2];
     loadSides(src, left[0], right[0]);
@@ -73,21 +74,22 @@ struct AverageOfTwo {
   }
 };
 
-template <>
-struct AverageOfTwo<S24> {
-  using Format = S24;
-  static constexpr std::ptrdiff_t kReadBytes = Rows<S24, 1>::kReadBytes, kOutBytes = frameBytes<S24>(1);
-  static constexpr int kFrames = kStepFrames<S24>;
-  const Rows<S24, 1> loader;
+template <class FormatType>
+struct AverageOfTwo<FormatType, true> {
+  using Format = FormatType;
+  static constexpr std::ptrdiff_t kOutBytes = frameBytes<Format>(1);
+  static constexpr int kFrames = kStepFrames<Format>;
+  const Rows<Format, 1> loader;
 
   explicit AverageOfTwo(const MixCall& call) : loader(call) {}
-  static constexpr std::ptrdiff_t stride() { return frameBytes<S24>(2); }
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return Rows<Format, 1>::readBytes(frameBytes); }
+  static constexpr std::ptrdiff_t stride() { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     I32x first[1], second[1];
     loader.load(src, first);
     loader.load(src + kFrames / 2 * stride(), second);
     const I32x left = unzipEven(first[0], second[0]), right = unzipOdd(first[0], second[0]);
-    storeSamples<S24>(dst, inOrder(averageOfTwo(left, right)));
+    storeLastSamples<Format>(dst, inOrder(averageOfTwo(left, right)));
   }
 };
 

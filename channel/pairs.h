@@ -36,9 +36,10 @@ struct Dense {
   using Format = FormatType;
   using Element = std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x>;
   static constexpr int kPairs = kPairCount, kChannels = 2 * kPairs;
-  static constexpr std::ptrdiff_t kFrameBytes = frameBytes<Format>(kChannels), kReadBytes = kFrameBytes;
+  static constexpr std::ptrdiff_t kFrameBytes = frameBytes<Format>(kChannels);
 
   explicit Dense(const MixCall&) {}
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return frameBytes; }
   static constexpr std::ptrdiff_t stride() { return kFrameBytes; }
 
   KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
@@ -65,12 +66,12 @@ template <int kPairCount>
 struct Rows<S16, kPairCount> {
   using Format = S16;
   static constexpr int kPairs = kPairCount, kChannels = 0;  // known at the call
-  static constexpr std::ptrdiff_t kReadBytes = 16;
   const std::ptrdiff_t bytes;
   const I16x mask;
 
   explicit Rows(const MixCall& call)
       : bytes(call.frameBytes), mask(laneNumbers<I16x>() < static_cast<std::int16_t>(call.channels)) {}
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t) { return 16; }
   std::ptrdiff_t stride() const { return bytes; }
 
   KESAUDIO_INLINE I16x row(const Byte* p, int frame) const {
@@ -101,7 +102,7 @@ struct Row;
 template <>
 struct Row<S32> {
   const I32x mask;
-  Row(std::int32_t channels) : mask(laneNumbers<I32x>() < channels) {}
+  Row(std::int32_t channels, std::ptrdiff_t) : mask(laneNumbers<I32x>() < channels) {}
   KESAUDIO_INLINE I32x load(const Byte* p, std::ptrdiff_t second) const { return loadBlocks<I32x>(p, second) & mask; }
   KESAUDIO_INLINE static I32x samples(I32x x) { return x; }
 };
@@ -109,7 +110,9 @@ struct Row<S32> {
 template <>
 struct Row<S24> {
   const U8x table;
-  Row(std::int32_t channels) : table(unpackingTable() | (U8x)(laneNumbers<I32x>() >= channels)) {}
+  // The first channel is `at` bytes into the row. A lane's lowest byte is shifted out, whatever it is.
+  Row(std::int32_t channels, std::ptrdiff_t at)
+      : table((unpackingTable() + static_cast<Byte>(at)) | (U8x)(laneNumbers<I32x>() >= channels)) {}
   KESAUDIO_INLINE I32x load(const Byte* p, std::ptrdiff_t second) const {
     return (I32x)permute(loadBlocks<U8x>(p, second), table);
   }
@@ -120,15 +123,27 @@ template <class FormatType, int kPairCount>
 struct Rows {
   using Format = FormatType;
   static constexpr int kPairs = kPairCount, kChannels = 0;
-  static constexpr std::ptrdiff_t kRowBytes = frameBytes<Format>(4), kReadBytes = (kPairs > 2 ? kRowBytes : 0) + 16;
-  const std::ptrdiff_t bytes;
+  static constexpr std::ptrdiff_t kRowBytes = frameBytes<Format>(4);
+  const std::ptrdiff_t bytes, secondAt;
   const Row<Format> first, second;
 
-  explicit Rows(const MixCall& call) : bytes(call.frameBytes), first(call.channels), second(call.channels - 4) {}
+  explicit Rows(const MixCall& call)
+      : bytes(call.frameBytes),
+        secondAt(secondRow(call.frameBytes)),
+        first(call.channels, 0),
+        second(call.channels - 4, kRowBytes - secondAt) {}
   std::ptrdiff_t stride() const { return bytes; }
 
+  // Packed samples may begin anywhere in their row: in frames of 16 bytes and more the second one ends with the frame.
+  static constexpr std::ptrdiff_t secondRow(std::ptrdiff_t frameBytes) {
+    return std::is_same_v<Format, S24> && frameBytes >= 16 ? frameBytes - 16 : kRowBytes;
+  }
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) {
+    return 16 + (kPairs > 2 ? secondRow(frameBytes) : 0);
+  }
+
   KESAUDIO_INLINE I32x row(const Byte* p, int frame, int which) const {
-    p += frame * bytes + which * kRowBytes;
+    p += frame * bytes + (which == 0 ? 0 : secondAt);
     return (which == 0 ? first : second).load(p, kBlockFrames<Format> * bytes);
   }
   KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
@@ -154,10 +169,11 @@ template <>
 struct Rows<S24, 1> {
   using Format = S24;
   static constexpr int kPairs = 1, kChannels = 2;
-  static constexpr std::ptrdiff_t kFrameBytes = 6, kReadBytes = 16 - kFrameBytes;
+  static constexpr std::ptrdiff_t kFrameBytes = 6;
   const Row<S24> both;
 
-  explicit Rows(const MixCall&) : both(4) {}
+  explicit Rows(const MixCall&) : both(4, 0) {}
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t) { return 16 - kFrameBytes; }
   static constexpr std::ptrdiff_t stride() { return kFrameBytes; }
 
   KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[1]) const {
@@ -177,11 +193,18 @@ using AllPairs = std::conditional_t<
 
 // ---- stores
 
-// A half of stereo frames: kBlocks blocks of pairs.
+// Samples of a step, and the last ones of it: of packed ones the others may write 4 bytes that the next store covers.
 template <class Format>
 KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
   if constexpr (std::is_same_v<Format, S24>)
     storePacked24(p, x);
+  else
+    store(p, x);
+}
+template <class Format>
+KESAUDIO_INLINE void storeLastSamples(Byte* p, Samples<Format> x) {
+  if constexpr (std::is_same_v<Format, S24>)
+    storePacked24Exactly(p, x);
   else
     store(p, x);
 }

@@ -41,12 +41,13 @@ template <class LoaderType, class Mix>
 struct StereoStep {
   using Loader = LoaderType;
   using Format = typename Loader::Format;
-  static constexpr std::ptrdiff_t kReadBytes = Loader::kReadBytes, kOutBytes = frameBytes<Format>(2);
+  static constexpr std::ptrdiff_t kOutBytes = frameBytes<Format>(2);
   static constexpr int kFrames = kStepFrames<Format>;
   const Loader loader;
   const Mix mix;
 
   explicit StereoStep(const MixCall& call) : loader(call), mix(call) {}
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return Loader::readBytes(frameBytes); }
   std::ptrdiff_t stride() const { return loader.stride(); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> pairs[2][Loader::kPairs], sides[2];
@@ -54,7 +55,7 @@ struct StereoStep {
     loader.load(src + kFrames / 2 * stride(), pairs[1]);
     mix(pairs, sides);
     storeSamples<Format>(dst, sides[0]);
-    storeSamples<Format>(dst + kFrames / 2 * kOutBytes, sides[1]);
+    storeLastSamples<Format>(dst + kFrames / 2 * kOutBytes, sides[1]);
   }
 };
 
@@ -62,11 +63,12 @@ struct StereoStep {
 template <class FormatType>
 struct TriplesStep {
   using Format = FormatType;
-  static constexpr std::ptrdiff_t kReadBytes = frameBytes<Format>(3), kOutBytes = frameBytes<Format>(2);
+  static constexpr std::ptrdiff_t kOutBytes = frameBytes<Format>(2);
   static constexpr int kFrames = kStepFrames<Format>;
 
   explicit TriplesStep(const MixCall&) {}
-  static constexpr std::ptrdiff_t stride() { return kReadBytes; }
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return frameBytes; }
+  static constexpr std::ptrdiff_t stride() { return frameBytes<Format>(3); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> sides[2], third[2];
     loadTriples(src, sides, third);
@@ -94,10 +96,10 @@ struct Front {
     unrolled<2>([&](auto half)
                     KESAUDIO_INLINED { sides[half] = mixSide<Format>(pairs[half][0], duplicateEven(pairs[half][1])); });
   }
-  static MixLoop loop([[maybe_unused]] int32_t channels) {
+  static MixLoop loop(int32_t channels) {
     if constexpr (!std::is_same_v<Format, S24>)
-      if (channels == kChannels) return mixLoop<TriplesStep<Format>>();
-    return mixLoop<StereoStep<Rows<Format, 2>, Front>>();
+      if (channels == kChannels) return mixLoop<TriplesStep<Format>>(channels);
+    return mixLoop<StereoStep<Rows<Format, 2>, Front>>(channels);
   }
 };
 
@@ -111,10 +113,10 @@ struct Quad {
   KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&sides)[2]) const {
     unrolled<2>([&](auto half) KESAUDIO_INLINED { sides[half] = mixSide<Format>(pairs[half][0], pairs[half][1]); });
   }
-  static MixLoop loop([[maybe_unused]] int32_t channels) {
+  static MixLoop loop(int32_t channels) {
     if constexpr (!std::is_same_v<Format, S24>)
-      if (channels == kChannels) return mixLoop<StereoStep<Dense<Format, 2>, Quad>>();
-    return mixLoop<StereoStep<Rows<Format, 2>, Quad>>();
+      if (channels == kChannels) return mixLoop<StereoStep<Dense<Format, 2>, Quad>>(channels);
+    return mixLoop<StereoStep<Rows<Format, 2>, Quad>>(channels);
   }
 };
 
@@ -135,12 +137,12 @@ struct Mix5_1 {
       sides[half] = mixSide<Format>(pairs[half][0], gain<Format>(centre[half]), pairs[half][2]);
     });
   }
-  static MixLoop loop([[maybe_unused]] int32_t channels) {
+  static MixLoop loop(int32_t channels) {
     if constexpr (!std::is_same_v<Format, S24>) {
-      if (channels == kChannels) return mixLoop<StereoStep<Dense<Format, 3>, Mix5_1>>();
-      if (channels == 8) return mixLoop<StereoStep<Dense<Format, 4>, Mix5_1>>();
+      if (channels == kChannels) return mixLoop<StereoStep<Dense<Format, 3>, Mix5_1>>(channels);
+      if (channels == 8) return mixLoop<StereoStep<Dense<Format, 4>, Mix5_1>>(channels);
     }
-    return mixLoop<StereoStep<Rows<Format, 3>, Mix5_1>>();
+    return mixLoop<StereoStep<Rows<Format, 3>, Mix5_1>>(channels);
   }
 };
 
@@ -212,8 +214,7 @@ template <class Format>
 void mixPairwise(const Blocks& blocks) {
   const int32_t channels = blocks.srcChannels;
   if constexpr (kHasMixes<Format>) {
-    // Packed stereo frames get no shorter: in place, what a step writes too much would be the next one's input.
-    if (channels >= (std::is_same_v<Format, S24> ? 3 : 2) && channels <= kMaxMixChannels)
+    if (channels >= 2 && channels <= kMaxMixChannels)
       return mixFrames(mixLoop<PairwiseStep, Format>(channels), blocks.dst, blocks.src, frameCount<Format>(blocks),
                        {frameBytes<Format>(channels), channels, makeDivisor(channels)});
   }

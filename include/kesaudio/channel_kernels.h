@@ -20,10 +20,10 @@
  * Kernels allocate nothing, keep nothing between calls, never log, and may run on any threads at once on separate
  * blocks.
  *
- * In place: a downmix may have dst == src when an output frame is no longer than an input frame (it runs forwards);
- * an upmix may have dst == src, or dst any number of bytes after src in one buffer, when the buffer is large enough
- * for the output (it runs backwards). The result is that of separate blocks. Other overlaps are not supported unless
- * the function says so.
+ * In place: a downmix may have dst == src when an output frame is no longer than an input frame; an upmix may have
+ * dst == src, or dst any number of bytes after src in one buffer, when the buffer is large enough for the output. The
+ * result is that of separate blocks. Other overlaps are not supported unless the function says so. Upmixes of separate
+ * blocks are the faster ones.
  *
  * Arithmetic: a product with a gain is shifted right arithmetically, so it rounds towards minus infinity, each term
  * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped

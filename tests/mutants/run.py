@@ -20,7 +20,6 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILDS = {  # by the name that a section of the list begins with
     "x86-64": "-DCMAKE_CXX_FLAGS=-march=x86-64",
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
-    "x86-64-v4": "-DCMAKE_CXX_FLAGS=-march=x86-64-v4 -DKESAUDIO_BUILD_TOOLS=OFF",
     "debug": "-DCMAKE_CXX_FLAGS_DEBUG=-g -DKESAUDIO_BUILD_TOOLS=OFF",
     "aarch64": "--toolchain cmake/aarch64-linux.cmake -DKESAUDIO_BUILD_TOOLS=OFF",
     "asan": "--preset asan -DKESAUDIO_LEVELS=x86-64-v3 -DKESAUDIO_FUZZ_SECONDS=60",  # whose fuzz programs are tests
@@ -120,8 +119,6 @@ def main():
         sys.exit(f"{pattern} is no regular expression: {error}")
     if not faults:
         sys.exit(f"no fault's file and description hold {pattern}; see tests/mutants/faults.txt")
-    if "avx512vl" not in pathlib.Path("/proc/cpuinfo").read_text() and faults.pop("x86-64-v4", None):
-        print("left out, since this machine cannot run them: the faults of x86-64-v4")
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
         try:
             bad = sum(pool.map(try_build, faults.keys(), faults.values()), [])
