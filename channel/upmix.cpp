@@ -138,13 +138,18 @@ template <Windows kWindows, int kVectors>
 [[gnu::noinline]] void expandUnits(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                    std::ptrdiff_t units, const Unit& unit) {
   constexpr int kTogether = kVectors == 1 ? kStrides : kVectors == 2 ? kStrides / 2 : 2;
-  const Strides<kTogether> outs(out), ins(in);
+  // For three vectors and more ST1 adds a stride by itself.
+  const Strides<kVectors <= 2 ? kTogether : 1> outs(out), ins(in);
+  const auto at = [](const auto& strides, auto i, std::ptrdiff_t stride) KESAUDIO_INLINED {
+    if constexpr (kVectors <= 2) return strides[i];
+    return i * stride;
+  };
   const Permutation<kWindows, kVectors> permutation(unit);
   for (; units >= kTogether; units -= kTogether) {
     U8x x[kTogether][kVectors];
-    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { permutation.apply(src + ins[i], x[i]); });
+    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { permutation.apply(src + at(ins, i, in), x[i]); });
     src += kTogether * in;
-    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { storeAll(dst + outs[i], x[i]); });
+    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { storeAll(dst + at(outs, i, out), x[i]); });
     dst += kTogether * out;
   }
   for (; units > 0; --units, dst += out, src += in) {
