@@ -50,7 +50,8 @@ KESAUDIO_INLINE void store(Byte* p, Vector x) {
   std::memcpy(p, &x, sizeof x);
 }
 
-// body(0), body(1) ... body(kCount - 1), each with its number as a constant, so that arrays of vectors stay in registers.
+// body(0), body(1) ... body(kCount - 1), each with its number as a constant, so that arrays of vectors stay in
+// registers.
 template <int kCount, class Body>
 KESAUDIO_INLINE void unrolled(Body body) {
   [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED { (body(std::integral_constant<int, i>{}), ...); }

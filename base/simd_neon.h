@@ -49,8 +49,8 @@ KESAUDIO_INLINE Value opaque(Value x) {
   return x;
 }
 
-// Multiples of a stride in registers. Left to themselves the compilers reach each frame by an addition to the last one's
-// address, where a load or store adds a register for nothing.
+// Multiples of a stride in registers. Left to themselves the compilers reach each frame by an addition to the last
+// one's address, where a load or store adds a register for nothing.
 template <int kCount>
 struct Strides {
   std::ptrdiff_t multiples[kCount];
@@ -234,16 +234,16 @@ KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
   return {static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 64 * divisor, 64};
 }
 
-// sum / divisor, rounded towards zero, of at most eight 16- or 24-bit samples: the floor (SQDMULH), and one more below
-// zero (USRA adds the sign bit).
+// sum / divisor, rounded towards zero, of at most eight 16- or 24-bit samples: the floor (SQDMULH), and one more
+// below zero (USRA adds the sign bit).
 KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
   const I32x floor = scaleQ31(sum, by.factor);
   return (I32x)vsraq_n_u32((uint32x4_t)floor, (uint32x4_t)floor, 31);
 }
 KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) { return divide(sum, by); }
 
-// sums / divisor, rounded towards zero, of at most eight 32-bit samples, so of 34 bits and a sign. A first quotient of
-// sum / 64, of few enough bits to be exact, leaves a rest below 64 * divisor, whose quotient is exact as above; a
+// sums / divisor, rounded towards zero, of at most eight 32-bit samples, so of 34 bits and a sign. A first quotient
+// of sum / 64, of few enough bits to be exact, leaves a rest below 64 * divisor, whose quotient is exact as above; a
 // negative sum is rounded up as floor((rest - 1) / divisor) + 1.
 KESAUDIO_INLINE I32x divideTotals(I64x low, I64x high, Divisor by) {
   const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)low, 6), (int64x2_t)high, 6);

@@ -31,7 +31,8 @@ typedef std::int32_t HalfI32x __attribute__((vector_size(kVectorBytes / 2)));
 template <class Vector>
 KESAUDIO_INLINE Vector loadBlocks(const Byte* p, [[maybe_unused]] std::ptrdiff_t second) {
 #if defined(__AVX2__)
-  return (Vector)_mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + second), reinterpret_cast<const __m128i*>(p));
+  return (Vector)_mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(p + second),
+                                     reinterpret_cast<const __m128i*>(p));
 #else
   return load<Vector>(p);
 #endif
@@ -125,9 +126,7 @@ KESAUDIO_INLINE I16x reorder(I16x x) {
 }
 
 // Of lanes from 0 to 255.
-KESAUDIO_INLINE U8x narrowBytes(I16x x, I16x y) {
-  return (U8x)KESAUDIO_X86(packus_epi16)((Register)x, (Register)y);
-}
+KESAUDIO_INLINE U8x narrowBytes(I16x x, I16x y) { return (U8x)KESAUDIO_X86(packus_epi16)((Register)x, (Register)y); }
 
 KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpacklo_epi64)((Register)x, (Register)y); }
 KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpackhi_epi64)((Register)x, (Register)y); }
@@ -185,8 +184,7 @@ KESAUDIO_INLINE void loadElements(const Byte* p, I64x (&x)[kCount]) {
     x[0] = shuffle<0, 1>(m[0], m[1]), x[1] = shuffle<1, 0>(m[0], m[2]), x[2] = shuffle<0, 1>(m[1], m[2]);
   } else {
     constexpr int kHalf = kCount / 2;
-    for (int i = 0; i < kHalf; ++i)
-      x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);
+    for (int i = 0; i < kHalf; ++i) x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);
   }
 }
 
@@ -221,7 +219,8 @@ KESAUDIO_INLINE void storeSides(Byte* p, Vector first, Vector second) {
 
 // PMULHW takes the upper half, so the factor is doubled: it must be below 2^14.
 KESAUDIO_INLINE I16x scaleQ15(I16x x, std::int16_t factor) {
-  return (I16x)KESAUDIO_X86(mulhi_epi16)((Register)x, KESAUDIO_X86(set1_epi16)(static_cast<std::int16_t>(2 * factor)));
+  return (I16x)KESAUDIO_X86(mulhi_epi16)((Register)x,
+                                         KESAUDIO_X86(set1_epi16)(static_cast<std::int16_t>(2 * factor)));
 }
 
 // Of each pair of 16-bit lanes x0, x1: x0 * weight0 + x1 * weight1 (PMADDWD).

@@ -39,7 +39,8 @@ void forFrames(const Call& call, Convert convert) {
   auto* __restrict out = static_cast<Byte*>(call.dst);
   const auto* __restrict in = static_cast<const Byte*>(call.src);
   const std::ptrdiff_t frames = call.byteCount / (kSrc * Format::kBytes);
-  for (std::ptrdiff_t f = 0; f < frames; ++f) convert(out + f * kDst * Format::kBytes, in + f * kSrc * Format::kBytes);
+  for (std::ptrdiff_t f = 0; f < frames; ++f)
+    convert(out + f * kDst * Format::kBytes, in + f * kSrc * Format::kBytes);
 }
 
 template <class Format>

@@ -25,7 +25,8 @@ int extraShift(int32_t srcChannels) {
 template <class Format>
 int32_t foldFrame(const Byte* in, int32_t channels, int shift) {
   typename Format::Sum sum = 0;
-  for (int32_t c = 0; c < channels; ++c) sum = addWrapping(sum, scale(Format::load(in + frameBytes<Format>(c)), shift));
+  for (int32_t c = 0; c < channels; ++c)
+    sum = addWrapping(sum, scale(Format::load(in + frameBytes<Format>(c)), shift));
   if constexpr (std::is_same_v<Format, S32>) return static_cast<int32_t>(sum);  // a clamp would change nothing
   return clamp<Format>(sum);
 }

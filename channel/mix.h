@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs a mix over a block in steps of vectors. A step loads its frames before it stores any, and mixed frames are no
-// longer than the input's, so a block can be mixed in place. What is left at its end, less than a step or too close to
-// it for whole vectors, goes the same way through a copy: not a byte outside the frames is touched.
+// longer than the input's, so a block can be mixed in place. What is left at its end, less than a step or too close
+// to it for whole vectors, goes the same way through a copy: not a byte outside the frames is touched.
 #ifndef KESAUDIO_CHANNEL_MIX_H
 #define KESAUDIO_CHANNEL_MIX_H
 
@@ -21,8 +21,8 @@ struct MixLoop {
   std::int16_t frames, readBytes, outBytes;
 };
 
-// A step has kFrames, kOutBytes, the bytes it reads from the start of its last frame as readBytes, the bytes of an input
-// frame as stride(), and converts by its operator.
+// A step has kFrames, kOutBytes, the bytes it reads from the start of its last frame as readBytes, the bytes of an
+// input frame as stride(), and converts by its operator.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);

@@ -82,7 +82,9 @@ struct AverageOfTwo<FormatType, true> {
   const Rows<Format, 1> loader;
 
   explicit AverageOfTwo(const MixCall& call) : loader(call) {}
-  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) { return Rows<Format, 1>::readBytes(frameBytes); }
+  static constexpr std::ptrdiff_t readBytes(std::ptrdiff_t frameBytes) {
+    return Rows<Format, 1>::readBytes(frameBytes);
+  }
   static constexpr std::ptrdiff_t stride() { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     I32x first[1], second[1];
@@ -94,8 +96,8 @@ struct AverageOfTwo<FormatType, true> {
 };
 
 template <class Loader>
-using AverageStep = std::conditional_t<Loader::kChannels == 2, AverageOfTwo<typename Loader::Format>,
-                                       MonoStep<Average, Loader>>;
+using AverageStep =
+    std::conditional_t<Loader::kChannels == 2, AverageOfTwo<typename Loader::Format>, MonoStep<Average, Loader>>;
 
 }  // namespace
 

@@ -14,7 +14,8 @@ void stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t 
 enum class Fill { kSilence, kRepeat };
 
 // Makes each frame longer, out > in. Also in place, and onto any place behind src.
-void expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames, Fill fill);
+void expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
+                  Fill fill);
 
 }  // namespace kesaudio::channel
 

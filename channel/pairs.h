@@ -19,7 +19,7 @@ namespace kesaudio::channel {
 template <class Format>
 inline constexpr int kBlockFrames = std::is_same_v<Format, S16> ? 4 : 2;  // of a half
 template <class Format>
-inline constexpr int kHalfFrames = kBlockFrames<Format> * kBlocks;
+inline constexpr int kHalfFrames = kBlockFrames<Format>* kBlocks;
 template <class Format>
 inline constexpr int kStepFrames = 2 * kHalfFrames<Format>;
 
@@ -90,7 +90,8 @@ struct Rows<S16, kPairCount> {
   }
   template <class Term>
   KESAUDIO_INLINE I32x total(const Byte* p, Term term) const {
-    return addNeighbours(addNeighbours(term(row(p, 0)), term(row(p, 1))), addNeighbours(term(row(p, 2)), term(row(p, 3))));
+    return addNeighbours(addNeighbours(term(row(p, 0)), term(row(p, 1))),
+                         addNeighbours(term(row(p, 2)), term(row(p, 3))));
   }
 };
 
@@ -134,7 +135,8 @@ struct Rows {
         second(call.channels - 4, kRowBytes - secondAt) {}
   std::ptrdiff_t stride() const { return bytes; }
 
-  // Packed samples may begin anywhere in their row: in frames of 16 bytes and more the second one ends with the frame.
+  // Packed samples may begin anywhere in their row: in frames of 16 bytes and more the second one ends with the
+  // frame.
   static constexpr std::ptrdiff_t secondRow(std::ptrdiff_t frameBytes) {
     return std::is_same_v<Format, S24> && frameBytes >= 16 ? frameBytes - 16 : kRowBytes;
   }
@@ -188,7 +190,10 @@ struct Rows<S24, 1> {
 // The loader for all channels of frames of so many.
 template <class Format, int kChannels>
 using AllPairs = std::conditional_t<
-    std::is_same_v<Format, S24>, Rows<Format, kChannels <= 2 ? 1 : kChannels <= 4 ? 2 : 4>,
+    std::is_same_v<Format, S24>,
+    Rows<Format, kChannels <= 2   ? 1
+                 : kChannels <= 4 ? 2
+                                  : 4>,
     std::conditional_t<kChannels % 2 == 0, Dense<Format, kChannels / 2>, Rows<Format, kChannels <= 4 ? 2 : 4>>>;
 
 // ---- stores

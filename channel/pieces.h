@@ -12,7 +12,8 @@ template <class Value>
 struct Piece {
   typedef Value Unaligned __attribute__((aligned(1), may_alias));
   Value value;
-  KESAUDIO_INLINE explicit Piece(const Byte* p, const Byte* = nullptr) : value(*reinterpret_cast<const Unaligned*>(p)) {}
+  KESAUDIO_INLINE explicit Piece(const Byte* p, const Byte* = nullptr)
+      : value(*reinterpret_cast<const Unaligned*>(p)) {}
   KESAUDIO_INLINE explicit Piece(Value x) : value(x) {}
   KESAUDIO_INLINE void store(Byte* p, Byte* = nullptr) const { *reinterpret_cast<Unaligned*>(p) = value; }
   KESAUDIO_INLINE Piece operator&(const Piece& mask) const { return Piece(value & mask.value); }
@@ -43,8 +44,8 @@ KESAUDIO_INLINE Piece operator&(const Piece& piece, Unmasked) {
 
 // Copies a piece of each frame, less the bytes that mask takes away; several loads before their stores.
 template <class Piece, class Mask = Unmasked>
-[[gnu::noinline]] void copyPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
-                Mask mask = {}) {
+[[gnu::noinline]] void copyPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
+                                  std::ptrdiff_t frames, Mask mask = {}) {
   constexpr int kTogether = sizeof(Piece) > 16 ? kStrides / 2 : kStrides;
   const Strides<kTogether> outs(out), ins(in);
   Byte* dst16 = opaque(dst + 16);

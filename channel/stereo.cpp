@@ -93,8 +93,9 @@ struct Front {
   explicit Front(const MixCall&) {}
   template <int kPairs>
   KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&sides)[2]) const {
-    unrolled<2>([&](auto half)
-                    KESAUDIO_INLINED { sides[half] = mixSide<Format>(pairs[half][0], duplicateEven(pairs[half][1])); });
+    unrolled<2>([&](auto half) KESAUDIO_INLINED {
+      sides[half] = mixSide<Format>(pairs[half][0], duplicateEven(pairs[half][1]));
+    });
   }
   static MixLoop loop(int32_t channels) {
     if constexpr (!std::is_same_v<Format, S24>)

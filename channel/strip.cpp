@@ -42,8 +42,7 @@ void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* s
       case 24: copyPieces<LongPiece<Piece<std::uint64_t>>>(dst, out, src, in, whole); break;
       default: copyPieces<LongPiece<Piece16>>(dst, out, src, in, whole);
     }
-    if (whole < frames)
-      std::memmove(dst + whole * out, src + whole * in, static_cast<std::size_t>(out));
+    if (whole < frames) std::memmove(dst + whole * out, src + whole * in, static_cast<std::size_t>(out));
   } else if (piece == 16) {
     copyTwoPieces<Piece<std::uint64_t>>(dst, out, src, in, frames);
   } else if (piece == 24 || piece == 32) {

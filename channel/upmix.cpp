@@ -27,16 +27,15 @@ void expandFrame(Byte* out, std::size_t outBytes, const Byte* in, std::size_t in
     std::memcpy(out + done, out, outBytes - done < inBytes ? outBytes - done : inBytes);
 }
 
-// ---- by vectors: a unit of whole frames is one window of input, of which each output vector takes its bytes by a table
+// ---- by units of whole frames: each output vector takes its bytes from a window of the input by a table
 
 constexpr int kMaxVectors = 4;
 constexpr std::ptrdiff_t kMaxIn = 32, kMaxOut = 64;
 
-// The vectors of a unit share a window at its start. With two blocks, where that leaves half a vector over, a unit has
-// a second window half-way: the first vector is of the first window, the last of the second, one between of both.
+// The vectors of a unit share a window at its start. With two blocks, where that leaves half a vector over, a unit
+// has a second window half-way: the first vector is of the first window, the last of the second, one between of both.
 struct Unit {
-  std::ptrdiff_t frames, readBytes, vectors;
-  std::ptrdiff_t secondWindow;  // 0: none
+  std::ptrdiff_t frames, readBytes, vectors, secondWindow;  // 0: none
   U8x tables[kMaxVectors];
 };
 
@@ -69,9 +68,10 @@ struct TableMaker {
 };
 
 Unit makeUnit(std::ptrdiff_t in, std::ptrdiff_t out, Fill fill) {
-  const TableMaker maker{static_cast<std::int16_t>(in), static_cast<std::int16_t>(out), kReciprocals.of[in], kReciprocals.of[out],
-                         fill};
-  const std::ptrdiff_t byInput = in <= 16 ? 16 * maker.perIn >> 14 : 1, byOutput = maker.frameAt(kMaxVectors * kVectorBytes);
+  const TableMaker maker{static_cast<std::int16_t>(in), static_cast<std::int16_t>(out), kReciprocals.of[in],
+                         kReciprocals.of[out], fill};
+  const std::ptrdiff_t byInput = in <= 16 ? 16 * maker.perIn >> 14 : 1,
+                       byOutput = maker.frameAt(kMaxVectors * kVectorBytes);
   Unit unit;
   unit.frames = byInput < byOutput ? byInput : byOutput;
   unit.readBytes = in <= 16 ? 16 : 32;
@@ -91,47 +91,25 @@ Unit makeUnit(std::ptrdiff_t in, std::ptrdiff_t out, Fill fill) {
   return unit;
 }
 
-// A unit's vectors from a window of 16 bytes, from one of 32, and from two of 16.
+// A unit's windows: one of 16 bytes, one of 32, two of 16.
 enum class Windows { kShort, kLong, kTwo };
 
 template <Windows kWindows, int kVectors>
-struct Permutation {
-  U8x tables[kVectors];
-  explicit Permutation(const Unit& unit) {
-    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = unit.tables[v]; });
-  }
-  KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
+KESAUDIO_INLINE void permuteUnit(const Byte* src, const U8x (&tables)[kVectors], std::ptrdiff_t secondWindow,
+                                 U8x (&x)[kVectors]) {
+  if constexpr (kWindows == Windows::kTwo) {
+    constexpr int kLast = kVectors - 1, kBoth = kVectors / 2;
+    x[0] = permute(loadToEach(src), tables[0]);
+    x[kLast] = permute(loadToEach(src + secondWindow), tables[kLast]);
+    x[kBoth] = permute(loadBlocks<U8x>(src, secondWindow), tables[kBoth]);
+  } else if constexpr (kWindows == Windows::kLong) {
+    const LongWindow window = loadLongWindow(src);
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = permute(window, longTable(tables[v])); });
+  } else {
     const U8x window = loadToEach(src);
     unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = permute(window, tables[v]); });
   }
-};
-
-template <int kVectors>
-struct Permutation<Windows::kLong, kVectors> {
-  LongTable tables[kVectors];
-  explicit Permutation(const Unit& unit) {
-    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = longTable(unit.tables[v]); });
-  }
-  KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
-    const LongWindow window = loadLongWindow(src);
-    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = permute(window, tables[v]); });
-  }
-};
-
-template <int kVectors>
-struct Permutation<Windows::kTwo, kVectors> {
-  U8x tables[kVectors];
-  const std::ptrdiff_t second;
-  explicit Permutation(const Unit& unit) : second(unit.secondWindow) {
-    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = unit.tables[v]; });
-  }
-  KESAUDIO_INLINE void apply(const Byte* src, U8x (&x)[kVectors]) const {
-    constexpr int kBoth = kVectors / 2;
-    x[0] = permute(loadToEach(src), tables[0]);
-    x[kVectors - 1] = permute(loadToEach(src + second), tables[kVectors - 1]);
-    x[kBoth] = permute(loadBlocks<U8x>(src, second), tables[kBoth]);
-  }
-};
+}
 
 // A vector's bytes beyond its unit are covered by the next one.
 template <Windows kWindows, int kVectors>
@@ -144,17 +122,20 @@ template <Windows kWindows, int kVectors>
     if constexpr (kVectors <= 2) return strides[i];
     return i * stride;
   };
-  const Permutation<kWindows, kVectors> permutation(unit);
+  const std::ptrdiff_t second = unit.secondWindow;
+  U8x tables[kVectors];
+  unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = unit.tables[v]; });
   for (; units >= kTogether; units -= kTogether) {
     U8x x[kTogether][kVectors];
-    unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { permutation.apply(src + at(ins, i, in), x[i]); });
+    unrolled<kTogether>([&](auto i)
+                            KESAUDIO_INLINED { permuteUnit<kWindows>(src + at(ins, i, in), tables, second, x[i]); });
     src += kTogether * in;
     unrolled<kTogether>([&](auto i) KESAUDIO_INLINED { storeAll(dst + at(outs, i, out), x[i]); });
     dst += kTogether * out;
   }
   for (; units > 0; --units, dst += out, src += in) {
     U8x x[kVectors];
-    permutation.apply(src, x);
+    permuteUnit<kWindows>(src, tables, second, x);
     storeAll(dst, x);
   }
 }
@@ -175,12 +156,13 @@ ExpandUnits expandUnitsOf(std::ptrdiff_t vectors) {
 ExpandUnits expandUnitsOf(const Unit& unit, std::ptrdiff_t in) {
   if (in > 16) return expandUnitsOf<Windows::kLong>(unit.vectors);
   if constexpr (kBlocks == 2)
-    if (unit.secondWindow != 0) return unit.vectors == 1 ? expandUnits<Windows::kTwo, 1> : expandUnits<Windows::kTwo, 3>;
+    if (unit.secondWindow != 0)
+      return unit.vectors == 1 ? expandUnits<Windows::kTwo, 1> : expandUnits<Windows::kTwo, 3>;
   return expandUnitsOf<Windows::kShort>(unit.vectors);
 }
 
-// Whole units as far as their windows and vectors end inside the blocks, the rest by way of
-// a copy.
+// Whole units as far as their windows and vectors end inside the blocks, the rest by way of a copy. The blocks are
+// apart.
 void expandByUnits(const Unit& unit, Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                    std::ptrdiff_t frames) {
   const ExpandUnits expand = expandUnitsOf(unit, in);
@@ -208,7 +190,9 @@ std::uint64_t lowBytes(std::ptrdiff_t count) {
 }
 
 void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames) {
-  const auto mask16 = [](std::ptrdiff_t count) { return Piece16((Bytes16)TwoLongs{lowBytes(count), lowBytes(count - 8)}); };
+  const auto mask16 = [](std::ptrdiff_t count) {
+    return Piece16((Bytes16)TwoLongs{lowBytes(count), lowBytes(count - 8)});
+  };
   const std::ptrdiff_t whole = frames - 1;
   if (out <= 16)
     copyPieces<Piece16>(dst, out, src, in, whole, mask16(in));
