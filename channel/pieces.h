@@ -7,7 +7,8 @@
 
 namespace kesaudio::channel {
 
-// Pieces of 2, 4, 8 and 16 bytes are numbers and vectors of that size; of 24 and 32 bytes a vector and another piece.
+// Pieces of 2, 4, 8 and 16 bytes are numbers and vectors of that size; of 24 and 32 bytes a vector
+// and another piece, if there is no vector of 32 bytes.
 template <class Value>
 struct Piece {
   typedef Value Unaligned __attribute__((aligned(1), may_alias));
@@ -17,8 +18,9 @@ struct Piece {
   KESAUDIO_INLINE explicit Piece(Value x) : value(x) {}
   KESAUDIO_INLINE void store(Byte* p, Byte* = nullptr) const { *reinterpret_cast<Unaligned*>(p) = value; }
   KESAUDIO_INLINE Piece operator&(const Piece& mask) const { return Piece(value & mask.value); }
+  // The mask of these bytes.
+  static Piece mask(const Byte* p) { return Piece(p); }
 };
-typedef std::uint64_t TwoLongs __attribute__((vector_size(16)));
 typedef Byte Bytes16 __attribute__((vector_size(16)));
 using Piece16 = Piece<Bytes16>;
 
@@ -32,9 +34,13 @@ struct LongPiece {
     first.store(p);
     last.store(at16);
   }
-  // Of the last part alone.
+  // Masks concern the last part alone.
+  static Last mask(const Byte* p) { return Last(p + 16); }
   KESAUDIO_INLINE LongPiece operator&(const Last& mask) const { return LongPiece(first, last & mask); }
 };
+
+using Piece24 = LongPiece<Piece<std::uint64_t>>;
+using Piece32 = std::conditional_t<kBlocks == 2, Piece<U8x>, LongPiece<Piece16>>;
 
 struct Unmasked {};
 template <class Piece>

@@ -30,7 +30,7 @@ void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* s
                                     std::ptrdiff_t frames) {
   if (frames <= 0) return;
   const auto powerOf2 = static_cast<std::ptrdiff_t>(std::bit_ceil(static_cast<std::size_t>(out)));
-  const std::ptrdiff_t piece = out > 16 && out <= 24 ? 24 : powerOf2;
+  const std::ptrdiff_t piece = kBlocks == 1 && out > 16 && out <= 24 ? 24 : powerOf2;
   const bool isAlone = piece <= in || areApart(dst, frames * out, src, frames * in);
   const std::ptrdiff_t whole = piece == out ? frames : frames - 1;
   if (piece <= 32 && isAlone) {
@@ -39,8 +39,8 @@ void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* s
       case 4: copyPieces<Piece<std::uint32_t>>(dst, out, src, in, whole); break;
       case 8: copyPieces<Piece<std::uint64_t>>(dst, out, src, in, whole); break;
       case 16: copyPieces<Piece16>(dst, out, src, in, whole); break;
-      case 24: copyPieces<LongPiece<Piece<std::uint64_t>>>(dst, out, src, in, whole); break;
-      default: copyPieces<LongPiece<Piece16>>(dst, out, src, in, whole);
+      case 24: copyPieces<Piece24>(dst, out, src, in, whole); break;
+      default: copyPieces<Piece32>(dst, out, src, in, whole);
     }
     if (whole < frames) std::memmove(dst + whole * out, src + whole * in, static_cast<std::size_t>(out));
   } else if (piece == 16) {

@@ -185,23 +185,42 @@ void expandByUnits(const Unit& unit, Byte* dst, std::ptrdiff_t out, const Byte* 
 
 bool isPiece(std::ptrdiff_t in, std::ptrdiff_t out) { return (in > 8 && out <= 16) || (in > 16 && out <= 32); }
 
-std::uint64_t lowBytes(std::ptrdiff_t count) {
-  return count <= 0 ? 0 : count >= 8 ? ~std::uint64_t{0} : (std::uint64_t{1} << 8 * count) - 1;
-}
+// From kMask + 32 - n on, n bytes of ones and then zeros.
+struct Mask {
+  Byte bytes[64] = {};
+  constexpr Mask() {
+    for (int i = 0; i < 32; ++i) bytes[i] = 255;
+  }
+};
+constexpr Mask kMask;
 
 void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames) {
-  const auto mask16 = [](std::ptrdiff_t count) {
-    return Piece16((Bytes16)TwoLongs{lowBytes(count), lowBytes(count - 8)});
-  };
   const std::ptrdiff_t whole = frames - 1;
+  const Byte* mask = kMask.bytes + 32 - in;
   if (out <= 16)
-    copyPieces<Piece16>(dst, out, src, in, whole, mask16(in));
-  else if (out <= 24)
-    copyPieces<LongPiece<Piece<std::uint64_t>>>(dst, out, src, in, whole, Piece<std::uint64_t>(lowBytes(in - 16)));
+    copyPieces<Piece16>(dst, out, src, in, whole, Piece16::mask(mask));
+  else if (out <= 24 && kBlocks == 1)
+    copyPieces<Piece24>(dst, out, src, in, whole, Piece24::mask(mask));
   else
-    copyPieces<LongPiece<Piece16>>(dst, out, src, in, whole, mask16(in - 16));
+    copyPieces<Piece32>(dst, out, src, in, whole, Piece32::mask(mask));
   expandFrame(dst + whole * out, static_cast<std::size_t>(out), src + whole * in, static_cast<std::size_t>(in),
               Fill::kSilence);
+}
+
+// Calls expandApart(output, input, frames), for blocks that are apart: once, or where the blocks overlap from the
+// last chunk to the first, each from a copy, so that every frame is read before it is written over.
+template <class ExpandApart>
+void expandAnywhere(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
+                    ExpandApart expandApart) {
+  if (areApart(dst, frames * out, src, frames * in)) return expandApart(dst, src, frames);
+  Byte chunk[1024];
+  const std::ptrdiff_t most = static_cast<std::ptrdiff_t>(sizeof chunk) / in;
+  while (frames > 0) {
+    const std::ptrdiff_t count = frames < most ? frames : most;
+    frames -= count;
+    std::memcpy(chunk, src + frames * in, static_cast<std::size_t>(count * in));
+    expandApart(dst + frames * out, chunk, count);
+  }
 }
 
 }  // namespace
@@ -215,22 +234,14 @@ void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* 
                   fill);
     return;
   }
-  const bool byPieces = fill == Fill::kSilence && isPiece(in, out);
-  Unit unit;
-  if (!byPieces) unit = makeUnit(in, out, fill);
-  const auto expandApart = [&](Byte* to, const Byte* from, std::ptrdiff_t count) {
-    byPieces ? expandPieces(to, out, from, in, count) : expandByUnits(unit, to, out, from, in, count);
-  };
-  if (areApart(dst, frames * out, src, frames * in)) return expandApart(dst, src, frames);
-  // From the last chunk to the first, each from a copy, so that every frame is read before it is written over.
-  Byte chunk[1024];
-  const std::ptrdiff_t most = static_cast<std::ptrdiff_t>(sizeof chunk) / in;
-  while (frames > 0) {
-    const std::ptrdiff_t count = frames < most ? frames : most;
-    frames -= count;
-    std::memcpy(chunk, src + frames * in, static_cast<std::size_t>(count * in));
-    expandApart(dst + frames * out, chunk, count);
-  }
+  if (fill == Fill::kSilence && isPiece(in, out))
+    return expandAnywhere(dst, out, src, in, frames, [=](Byte* to, const Byte* from, std::ptrdiff_t count) {
+      expandPieces(to, out, from, in, count);
+    });
+  const Unit unit = makeUnit(in, out, fill);
+  expandAnywhere(dst, out, src, in, frames, [&](Byte* to, const Byte* from, std::ptrdiff_t count) {
+    expandByUnits(unit, to, out, from, in, count);
+  });
 }
 
 namespace {
