@@ -244,14 +244,22 @@ KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) {
   return (I16x)KESAUDIO_X86(adds_epi16)((Register)x, (Register)y);
 }
+// Lanes of y where x is negative, else of z.
+KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) {
+#if defined(__SSE4_1__)
+  return (I32x)KESAUDIO_X86(blendv_ps)((FloatRegister)z, (FloatRegister)y, (FloatRegister)x);
+#else
+  return x < 0 ? y : z;
+#endif
+}
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) {
   const auto sum = (I32x)((U32x)x + (U32x)y);
-  return ((sum ^ x) & (sum ^ y)) < 0 ? (x >> 31) ^ INT32_MAX : sum;
+  return whereNegative((sum ^ x) & (sum ^ y), (x >> 31) ^ INT32_MAX, sum);
 }
 // First the term whose sign may differ from x's, whose sum cannot leave 32 bits, then the other.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
   const I32x less = y < z ? y : z, more = y < z ? z : y;
-  return saturatingAdd(saturatingAdd(x, x < 0 ? more : less), x < 0 ? less : more);
+  return saturatingAdd(saturatingAdd(x, whereNegative(x, more, less)), whereNegative(x, less, more));
 }
 
 struct Wide {
