@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 
 namespace kesaudio {
 
@@ -22,17 +23,21 @@ static_assert(sizeof(std::ptrdiff_t) == 8, "offsets need 64 bits");
 
 using Byte = unsigned char;
 
-struct S16 {
-  using Sum = std::int32_t;
-  static constexpr std::int32_t kBytes = 2;
-  static constexpr std::int32_t kMin = INT16_MIN, kMax = INT16_MAX;
+template <class Integer, class SumType>
+struct IntegerFormat {
+  using Sum = SumType;
+  static constexpr std::int32_t kBytes = sizeof(Integer);
+  static constexpr std::int32_t kMin = std::numeric_limits<Integer>::min(),
+                                kMax = std::numeric_limits<Integer>::max();
   static std::int32_t load(const Byte* p) {
-    std::int16_t sample;
+    Integer sample;
     std::memcpy(&sample, p, kBytes);
     return sample;
   }
   static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
 };
+using S16 = IntegerFormat<std::int16_t, std::int32_t>;
+using S32 = IntegerFormat<std::int32_t, std::int64_t>;
 
 struct S24 {
   using Sum = std::int32_t;
@@ -42,18 +47,6 @@ struct S24 {
     // Into the upper three bytes, so that the shift back extends the sign.
     const std::uint32_t top = std::uint32_t{p[0]} << 8 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 24;
     return static_cast<std::int32_t>(top) >> 8;
-  }
-  static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
-};
-
-struct S32 {
-  using Sum = std::int64_t;
-  static constexpr std::int32_t kBytes = 4;
-  static constexpr std::int32_t kMin = INT32_MIN, kMax = INT32_MAX;
-  static std::int32_t load(const Byte* p) {
-    std::int32_t sample;
-    std::memcpy(&sample, p, kBytes);
-    return sample;
   }
   static void store(Byte* p, std::int32_t value) { std::memcpy(p, &value, kBytes); }
 };

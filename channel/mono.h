@@ -24,7 +24,7 @@ struct MonoStep {
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     const auto first = loader.total(src, mix);
     const auto second = loader.total(src + kFrames / 2 * stride(), mix);
-    storeLastSamples<Format>(dst, mix.finish(first, second));
+    storeSamples<Format, true>(dst, mix.finish(first, second));
   }
 };
 

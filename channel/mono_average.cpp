@@ -91,7 +91,7 @@ struct AverageOfTwo<FormatType, true> {
     loader.load(src, first);
     loader.load(src + kFrames / 2 * stride(), second);
     const I32x left = unzipEven(first[0], second[0]), right = unzipOdd(first[0], second[0]);
-    storeLastSamples<Format>(dst, inOrder(averageOfTwo(left, right)));
+    storeSamples<Format, true>(dst, inOrder(averageOfTwo(left, right)));
   }
 };
 

@@ -198,20 +198,15 @@ using AllPairs = std::conditional_t<
 
 // ---- stores
 
-// Samples of a step, and the last ones of it: of packed ones the others may write 4 bytes that the next store covers.
-template <class Format>
+// Samples of a step. Of packed ones all but the last may write 4 bytes more, which the next store covers.
+template <class Format, bool kIsLast = false>
 KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
-  if constexpr (std::is_same_v<Format, S24>)
-    storePacked24(p, x);
-  else
+  if constexpr (!std::is_same_v<Format, S24>)
     store(p, x);
-}
-template <class Format>
-KESAUDIO_INLINE void storeLastSamples(Byte* p, Samples<Format> x) {
-  if constexpr (std::is_same_v<Format, S24>)
+  else if constexpr (kIsLast)
     storePacked24Exactly(p, x);
   else
-    store(p, x);
+    storePacked24(p, x);
 }
 
 }  // namespace kesaudio::channel

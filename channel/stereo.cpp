@@ -55,7 +55,7 @@ struct StereoStep {
     loader.load(src + kFrames / 2 * stride(), pairs[1]);
     mix(pairs, sides);
     storeSamples<Format>(dst, sides[0]);
-    storeLastSamples<Format>(dst + kFrames / 2 * kOutBytes, sides[1]);
+    storeSamples<Format, true>(dst + kFrames / 2 * kOutBytes, sides[1]);
   }
 };
 
