@@ -7,42 +7,52 @@
 
 namespace kesaudio {
 
-// Puts the first 12 bytes of each block into the upper three bytes of its lanes, to be shifted down by 8.
-KESAUDIO_INLINE U8x unpackingTable() {
-  static constexpr Byte kTable[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
-  return loadToEach(kTable);
-}
+// Loads 16 bytes a block, of which the four samples from byte `at` on are taken; those from number `count` on are
+// silent. at <= 4, or less by 3 for each silent one.
+struct PackedLoader {
+  U8x table;
+  int at, count;
 
-// Puts the lower three bytes of each lane into the first 12 bytes of its block.
-KESAUDIO_INLINE U8x packingTable() {
-  static constexpr Byte kTable[16] = {0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 255, 255, 255, 255};
-  return loadToEach(kTable);
-}
+  KESAUDIO_INLINE explicit PackedLoader(int first, int samples = 4) : at(first), count(samples) {
+    // A lane gets its sample in the upper three bytes, to be shifted down; the lowest is whatever it is.
+    static constexpr Byte kTable[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
+    table = (loadToEach(kTable) + static_cast<Byte>(at)) | (U8x)(laneNumbers() >= count);
+  }
+  // Still to be shifted right by 8.
+  KESAUDIO_INLINE I32x loadHigh(const Byte* p, std::ptrdiff_t second) const {
+    if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, second), table);
+    I32x x = {};
+    for (int i = 0; i < 4; ++i)
+      if (i < count) x[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(S24::load(p + at + 3 * i)) << 8);
+    return x;
+  }
+};
 
 // Four samples a block from 12 bytes each. Reads up to 4 bytes beyond the last one.
-KESAUDIO_INLINE I32x loadPacked24(const Byte* p) {
-  if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, 12), unpackingTable()) >> 8;
-  I32x x;
-  for (int i = 0; i < 4 * kBlocks; ++i) x[i] = S24::load(p + 3 * i);
-  return x;
+KESAUDIO_INLINE I32x loadPacked24(const Byte* p) { return PackedLoader(0).loadHigh(p, 12) >> 8; }
+
+// The lower three bytes of each lane, in the first 12 bytes of each block.
+KESAUDIO_INLINE U8x packed24(I32x x) {
+  static constexpr Byte kTable[16] = {0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 255, 255, 255, 255};
+  return permute((U8x)x, loadToEach(kTable));
 }
 
-// Back again. Writes up to 4 bytes beyond the last one.
+// Four samples a block to 12 bytes each. Writes up to 4 bytes beyond the last one.
 KESAUDIO_INLINE void storePacked24(Byte* p, I32x x) {
-  if constexpr (kHasByteShuffle) return storeBlocks(p, 12, permute((U8x)x, packingTable()));
-  for (int i = 0; i < 4 * kBlocks; ++i) S24::store(p + 3 * i, x[i]);
+  if constexpr (kHasByteShuffle) return storeBlocks(p, 12, packed24(x));
+  for (int i = 0; i < 4; ++i) S24::store(p + 3 * i, x[i]);
 }
 
-// The same, and no byte more: each block as 8 bytes and 4.
+// The same, and no byte more: the last block as 8 bytes and 4.
 KESAUDIO_INLINE void storePacked24Exactly(Byte* p, I32x x) {
   if constexpr (!kHasByteShuffle) return storePacked24(p, x);
-  const U8x packed = permute((U8x)x, packingTable());
-  for (int block = 0; block < kBlocks; ++block) {
-    const std::int64_t first = ((I64x)packed)[2 * block];
-    const std::int32_t last = ((I32x)packed)[4 * block + 2];
-    std::memcpy(p + 12 * block, &first, 8);
-    std::memcpy(p + 12 * block + 8, &last, 4);
-  }
+  const U8x packed = packed24(x);
+  constexpr int kLast = kBlocks - 1;
+  std::memcpy(p, &packed, 16 * kLast);
+  const std::int64_t first = ((I64x)packed)[2 * kLast];
+  const std::int32_t last = ((I32x)packed)[4 * kLast + 2];
+  std::memcpy(p + 12 * kLast, &first, 8);
+  std::memcpy(p + 12 * kLast + 8, &last, 4);
 }
 
 }  // namespace kesaudio

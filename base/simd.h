@@ -58,21 +58,10 @@ KESAUDIO_INLINE void unrolled(Body body) {
   (std::make_integer_sequence<int, kCount>());
 }
 
-// In every block the lanes' numbers.
-template <class Vector>
-KESAUDIO_INLINE Vector laneNumbers() {
-  Vector x;
-  constexpr int kInBlock = 16 / static_cast<int>(sizeof x[0]);
-  for (int i = 0; i < kBlocks * kInBlock; ++i) x[i] = static_cast<std::remove_cvref_t<decltype(x[0])>>(i % kInBlock);
-  return x;
-}
-
-// In every lane the number of its block.
-template <class Vector>
-KESAUDIO_INLINE Vector laneBlocks() {
-  Vector x;
-  constexpr int kInBlock = 16 / static_cast<int>(sizeof x[0]);
-  for (int i = 0; i < kBlocks * kInBlock; ++i) x[i] = static_cast<std::remove_cvref_t<decltype(x[0])>>(i / kInBlock);
+// In every block 0, 1, 2, 3.
+KESAUDIO_INLINE I32x laneNumbers() {
+  I32x x;
+  for (int i = 0; i < 4 * kBlocks; ++i) x[i] = i % 4;
   return x;
 }
 
@@ -92,5 +81,24 @@ KESAUDIO_INLINE I16x bytePositions() {
 #else
 #error "vectors are for 64-bit Arm and x86-64"
 #endif
+
+namespace kesaudio {
+
+// Takes kCount elements of 64 bits apart: element i of every group of kCount in m, to x[i], block by block.
+template <int kCount>
+KESAUDIO_INLINE void deinterleave(const I64x (&m)[kCount], I64x (&x)[kCount]) {
+  if constexpr (kCount == 1) {
+    x[0] = m[0];
+  } else if constexpr (kCount == 3) {  // a0 b0, c0 a1, b1 c1
+    x[0] = shuffle<0, 1>(m[0], m[1]), x[1] = shuffle<1, 0>(m[0], m[2]), x[2] = shuffle<0, 1>(m[1], m[2]);
+  } else {
+    constexpr int kHalf = kCount / 2;
+    for (int i = 0; i < kHalf; ++i) x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);
+  }
+}
+
+KESAUDIO_INLINE Wide operator+(Wide x, Wide y) { return {x.low + y.low, x.high + y.high}; }
+
+}  // namespace kesaudio
 
 #endif

@@ -29,18 +29,28 @@ KESAUDIO_INLINE U8x loadToEach(const Byte* p) { return (U8x)vld1q_u8(p); }
 // TBL: byte table[i] of the block, 0 where the table has 128 or more.
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16_t)x, (uint8x16_t)table); }
 
-// The same from 32 bytes of memory.
-struct LongTable {
-  U8x table;
+// Windows of memory, and tables that permute them: of the window's bytes by their numbers, 128 and more for 0. Each
+// block of the output takes bytes from `starts` of its first lane on.
+struct ShortWindow {
+  static constexpr std::ptrdiff_t kBytes = 16;
+  struct Table {
+    U8x bytes;
+  };
+  KESAUDIO_INLINE static Table table(U8x sources, I16x /*starts*/) { return {sources}; }
+  // Whether any block's bytes lie close enough together: of frames of in bytes, spanned of which a block touches.
+  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t /*spanned*/) { return in <= kBytes; }
+  U8x bytes;
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
+  KESAUDIO_INLINE U8x permute(Table table) const { return kesaudio::permute(bytes, table.bytes); }
 };
-KESAUDIO_INLINE LongTable longTable(U8x table) { return {table}; }
 struct LongWindow {
+  static constexpr std::ptrdiff_t kBytes = 32;
+  using Table = ShortWindow::Table;
+  KESAUDIO_INLINE static Table table(U8x sources, I16x /*starts*/) { return {sources}; }
   uint8x16x2_t bytes;
+  KESAUDIO_INLINE explicit LongWindow(const Byte* p) : bytes(vld1q_u8_x2(p)) {}
+  KESAUDIO_INLINE U8x permute(Table table) const { return (U8x)vqtbl2q_u8(bytes, (uint8x16_t)table.bytes); }
 };
-KESAUDIO_INLINE LongWindow loadLongWindow(const Byte* p) { return {vld1q_u8_x2(p)}; }
-KESAUDIO_INLINE U8x permute(const LongWindow& x, LongTable table) {
-  return (U8x)vqtbl2q_u8(x.bytes, (uint8x16_t)table.table);
-}
 
 // x, of whose value the compiler no longer knows anything.
 template <class Value>
@@ -94,6 +104,12 @@ KESAUDIO_INLINE I32x zipLow(I32x x, I32x y) { return (I32x)vzip1q_s32((int32x4_t
 KESAUDIO_INLINE I32x zipHigh(I32x x, I32x y) { return (I32x)vzip2q_s32((int32x4_t)x, (int32x4_t)y); }
 KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)vzip1q_s64((int64x2_t)x, (int64x2_t)y); }
 KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)vzip2q_s64((int64x2_t)x, (int64x2_t)y); }
+
+// EXT and INS: a lane of x, then one of y.
+template <int i0, int i1>
+KESAUDIO_INLINE I64x shuffle(I64x x, I64x y) {
+  return __builtin_shufflevector(x, y, i0, i1 + 2);
+}
 
 // TRN1: each even lane twice.
 KESAUDIO_INLINE I16x duplicateEven(I16x x) { return (I16x)vtrn1q_s16((int16x8_t)x, (int16x8_t)x); }
@@ -171,8 +187,13 @@ KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
 }
 
 // SQADD: each sum limited to its lane.
+inline constexpr bool kHasSaturatingAdd32 = true;  // in one instruction
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) { return (I16x)vqaddq_s16((int16x8_t)x, (int16x8_t)y); }
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((int32x4_t)x, (int32x4_t)y); }
+
+// SMIN, SMAX.
+KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return (I32x)vminq_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return (I32x)vmaxq_s32((int32x4_t)x, (int32x4_t)y); }
 
 // x + y + z, limited once.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
@@ -185,14 +206,13 @@ KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
 struct Wide {
   I32x low, high;
 };
-// SADDL, SADDL2; SADDW, SADDW2.
+// SADDL, SADDL2; SSHLL, SSHLL2, with an addition SADDW, SADDW2.
 KESAUDIO_INLINE Wide widenAndAdd(I16x x, I16x y) {
   const auto a = (int16x8_t)x, b = (int16x8_t)y;
   return {(I32x)vaddl_s16(vget_low_s16(a), vget_low_s16(b)), (I32x)vaddl_high_s16(a, b)};
 }
-KESAUDIO_INLINE Wide widenAndAdd(Wide sum, I16x x) {
-  const auto a = (int16x8_t)x;
-  return {(I32x)vaddw_s16((int32x4_t)sum.low, vget_low_s16(a)), (I32x)vaddw_high_s16((int32x4_t)sum.high, a)};
+KESAUDIO_INLINE Wide widen(I16x x) {
+  return {(I32x)vmovl_s16(vget_low_s16((int16x8_t)x)), (I32x)vmovl_high_s16((int16x8_t)x)};
 }
 
 // SQXTN, SQXTN2: two vectors limited to 16 bits, block by block.
@@ -205,13 +225,10 @@ KESAUDIO_INLINE I16x narrow(I32x x, I32x y) { return (I16x)vuzp1q_s16((int16x8_t
 
 // SADDLP, SADALP: the sum of each pair of lanes, twice as wide; sum + the same.
 KESAUDIO_INLINE I32x addPairs(I16x x) { return (I32x)vpaddlq_s16((int16x8_t)x); }
-KESAUDIO_INLINE I64x addPairs(I32x x) { return (I64x)vpaddlq_s32((int32x4_t)x); }
 KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return (I32x)vpadalq_s16((int32x4_t)sum, (int16x8_t)x); }
-KESAUDIO_INLINE I64x addPairs(I64x sum, I32x x) { return (I64x)vpadalq_s32((int64x2_t)sum, (int32x4_t)x); }
 
 // ADDP: the sums of pairs of lanes of x, then of y, block by block.
 KESAUDIO_INLINE I32x addNeighbours(I32x x, I32x y) { return (I32x)vpaddq_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I64x addNeighbours(I64x x, I64x y) { return (I64x)vpaddq_s64((int64x2_t)x, (int64x2_t)y); }
 
 // (x + y) / 2, rounded towards zero: SRHADD, which rounds up, where SHADD, which rounds down, is below zero.
 KESAUDIO_INLINE I16x averageOfTwo(I16x x, I16x y) {
@@ -223,7 +240,7 @@ KESAUDIO_INLINE I32x averageOfTwo(I32x x, I32x y) {
   return (I32x)vbslq_s32(vcltzq_s32(down), up, down);
 }
 
-// ---- division
+// ---- averages
 
 // What a division by 2 to 8 multiplies by: floor(2^31 / divisor) + 1. The little that is too much keeps exact
 // quotients from falling below themselves, and is too little to reach the next.
@@ -242,45 +259,36 @@ KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
 }
 KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) { return divide(sum, by); }
 
-// sums / divisor, rounded towards zero, of at most eight 32-bit samples, so of 34 bits and a sign. A first quotient
-// of sum / 64, of few enough bits to be exact, leaves a rest below 64 * divisor, whose quotient is exact as above; a
-// negative sum is rounded up as floor((rest - 1) / divisor) + 1.
-KESAUDIO_INLINE I32x divideTotals(I64x low, I64x high, Divisor by) {
-  const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)low, 6), (int64x2_t)high, 6);
-  const int32x4_t bottom = vuzp1q_s32((int32x4_t)low, (int32x4_t)high);
+// Sums of at most eight 32-bit samples, so of 34 bits and a sign.
+struct WideSums {
+  I64x low, high;
+};
+KESAUDIO_INLINE WideSums operator+(WideSums x, WideSums y) { return {x.low + y.low, x.high + y.high}; }
+// The lanes widened to 64 bits as above.
+KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) {
+  const auto a = (int32x4_t)x, b = (int32x4_t)y;
+  return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)vaddl_high_s32(a, b)};
+}
+KESAUDIO_INLINE WideSums widen(I32x x) {
+  return {(I64x)vmovl_s32(vget_low_s32((int32x4_t)x)), (I64x)vmovl_high_s32((int32x4_t)x)};
+}
+// SADDLP, with an addition SADALP: the sum of each pair of lanes of x, then of y.
+KESAUDIO_INLINE WideSums addPairs(I32x x, I32x y) {
+  return {(I64x)vpaddlq_s32((int32x4_t)x), (I64x)vpaddlq_s32((int32x4_t)y)};
+}
+
+// sums / divisor, rounded towards zero. A first quotient of sum / 64, of few enough bits to be exact, leaves a rest
+// below 64 * divisor, whose quotient is exact as above; a negative sum is rounded up as floor((rest - 1) / divisor)
+// + 1.
+KESAUDIO_INLINE I32x divide(WideSums sum, Divisor by) {
+  const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)sum.low, 6), (int64x2_t)sum.high, 6);
+  const int32x4_t bottom = vuzp1q_s32((int32x4_t)sum.low, (int32x4_t)sum.high);
   const int32x4_t first = vqdmulhq_n_s32(top, by.factor - 1);
   const int32x4_t rest = vsraq_n_s32(vmlsq_n_s32(bottom, first, by.times64), top, 31);
   const int32x4_t floor = vmlaq_n_s32(vqdmulhq_n_s32(rest, by.factor), first, by.by64);
   return (I32x)vsraq_n_u32((uint32x4_t)floor, (uint32x4_t)top, 31);
 }
-
-// The same by 2, 4 or 8: a shift, of negative sums with a bias.
-template <int kDivisor>
-KESAUDIO_INLINE I32x divideTotalsByPowerOf2(I64x low, I64x high) {
-  constexpr int kShift = std::bit_width(static_cast<unsigned>(kDivisor)) - 1;
-  const auto biased = [](I64x x) KESAUDIO_INLINED {
-    return (int64x2_t)vsraq_n_u64((uint64x2_t)x, (uint64x2_t)vshrq_n_s64((int64x2_t)x, 63), 64 - kShift);
-  };
-  return (I32x)vshrn_high_n_s64(vshrn_n_s64(biased(low), kShift), biased(high), kShift);
-}
-
-// SADDL, SADDL2; SADDW, SADDW2: the lanes of x, widened to 64 bits, and their quotients.
-struct WideSums {
-  I64x low, high;
-};
-KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) {
-  const auto a = (int32x4_t)x, b = (int32x4_t)y;
-  return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)vaddl_high_s32(a, b)};
-}
-KESAUDIO_INLINE WideSums widenAndAdd(WideSums sum, I32x x) {
-  const auto a = (int32x4_t)x;
-  return {(I64x)vaddw_s32((int64x2_t)sum.low, vget_low_s32(a)), (I64x)vaddw_high_s32((int64x2_t)sum.high, a)};
-}
-KESAUDIO_INLINE I32x divideWide(WideSums sum, Divisor by) { return divideTotals(sum.low, sum.high, by); }
-template <int kDivisor>
-KESAUDIO_INLINE I32x divideWideByPowerOf2(WideSums sum) {
-  return divideTotalsByPowerOf2<kDivisor>(sum.low, sum.high);
-}
+KESAUDIO_INLINE I32x dividePairs(WideSums sum, Divisor by) { return divide(sum, by); }
 
 }  // namespace kesaudio
 

@@ -24,7 +24,6 @@ typedef __m128d DoubleRegister;
 #endif
 typedef float Floats __attribute__((vector_size(kVectorBytes)));
 typedef double Doubles __attribute__((vector_size(kVectorBytes)));
-typedef std::int32_t HalfI32x __attribute__((vector_size(kVectorBytes / 2)));
 
 // ---- moves
 
@@ -49,14 +48,9 @@ KESAUDIO_INLINE void storeBlocks(Byte* p, [[maybe_unused]] std::ptrdiff_t second
 #endif
 }
 
-KESAUDIO_INLINE U8x loadToEach(const Byte* p) {
-#if defined(__AVX2__)
-  return (U8x)_mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-#else
-  return load<U8x>(p);
-#endif
-}
+KESAUDIO_INLINE U8x loadToEach(const Byte* p) { return loadBlocks<U8x>(p, 0); }
 
+// PSHUFB takes four bits of an index, and makes 0 of 128 and more.
 #if defined(__SSE4_1__)
 inline constexpr bool kHasByteShuffle = true;
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) {
@@ -64,28 +58,56 @@ KESAUDIO_INLINE U8x permute(U8x x, U8x table) {
 }
 #else
 inline constexpr bool kHasByteShuffle = false;
-inline U8x permute(U8x x, U8x table) {
-  U8x y = {};
-  for (int i = 0; i < 16; ++i) y[i] = table[i] < 128 ? x[table[i] % 16] : Byte{};
-  return y;
-}
+inline U8x permute(U8x x, U8x) { return x; }
 #endif
 
-// A table for each half of a window of 32 bytes: PSHUFB takes four bits of an index, and makes 0 of 128 or more.
-struct LongTable {
-  U8x low, high;
+struct ShortWindow {
+  U8x bytes;
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
+#if defined(__AVX2__)
+  // VPERMD brings the 16 bytes that a block needs into it, from any four bytes of the window on.
+  static constexpr std::ptrdiff_t kBytes = 32;
+  struct Table {
+    U8x bytes;
+    I32x words;
+  };
+  KESAUDIO_INLINE static Table table(U8x sources, I16x starts) {
+    const U8x origin = kesaudio::permute((U8x)starts, U8x{}) & 0xFC;
+    return {sources - origin, ((I32x)origin >> 2 & 63) + I32x{0, 1, 2, 3, 0, 1, 2, 3}};
+  }
+  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t spanned) {
+    return spanned * in + (in % 4 == 0 ? 0 : 3) <= 16;
+  }
+  KESAUDIO_INLINE U8x permute(Table table) const {
+    return kesaudio::permute((U8x)_mm256_permutevar8x32_epi32((Register)bytes, (Register)table.words), table.bytes);
+  }
+#else
+  static constexpr std::ptrdiff_t kBytes = 16;
+  struct Table {
+    U8x bytes;
+  };
+  KESAUDIO_INLINE static Table table(U8x sources, I16x) { return {sources}; }
+  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t) { return in <= kBytes; }
+  KESAUDIO_INLINE U8x permute(Table table) const { return kesaudio::permute(bytes, table.bytes); }
+#endif
 };
-KESAUDIO_INLINE LongTable longTable(U8x table) {
-  const Register low = KESAUDIO_X86(adds_epu8)((Register)table, KESAUDIO_X86(set1_epi8)(112));
-  return {(U8x)low, table - 16};
-}
+
+// A table for each half of the window.
 struct LongWindow {
+  static constexpr std::ptrdiff_t kBytes = 32;
+  struct Table {
+    U8x low, high;
+  };
+  KESAUDIO_INLINE static Table table(U8x sources, I16x) {
+    const Register low = KESAUDIO_X86(adds_epu8)((Register)sources, KESAUDIO_X86(set1_epi8)(112));
+    return {(U8x)low, sources - 16};
+  }
   U8x low, high;
+  KESAUDIO_INLINE explicit LongWindow(const Byte* p) : low(loadToEach(p)), high(loadToEach(p + 16)) {}
+  KESAUDIO_INLINE U8x permute(Table table) const {
+    return kesaudio::permute(low, table.low) | kesaudio::permute(high, table.high);
+  }
 };
-KESAUDIO_INLINE LongWindow loadLongWindow(const Byte* p) { return {loadToEach(p), loadToEach(p + 16)}; }
-KESAUDIO_INLINE U8x permute(const LongWindow& x, LongTable table) {
-  return permute(x.low, table.low) | permute(x.high, table.high);
-}
 
 template <class Value>
 KESAUDIO_INLINE Value opaque(Value x) {
@@ -137,9 +159,9 @@ KESAUDIO_INLINE I16x zipHigh(I16x x, I16x y) { return (I16x)KESAUDIO_X86(unpackh
 
 KESAUDIO_INLINE I32x unzipEven(I32x x, I32x y) { return shuffle<0, 2, 0, 2>(x, y); }
 KESAUDIO_INLINE I32x unzipOdd(I32x x, I32x y) { return shuffle<1, 3, 1, 3>(x, y); }
-KESAUDIO_INLINE I64x partsApart(I16x x) { return (I64x)reorder<0, 2, 4, 6, 1, 3, 5, 7>(x); }
-KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)zipLow(partsApart(x), partsApart(y)); }
-KESAUDIO_INLINE I16x unzipOdd(I16x x, I16x y) { return (I16x)zipHigh(partsApart(x), partsApart(y)); }
+KESAUDIO_INLINE I64x evenThenOdd(I16x x) { return (I64x)reorder<0, 2, 4, 6, 1, 3, 5, 7>(x); }
+KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)zipLow(evenThenOdd(x), evenThenOdd(y)); }
+KESAUDIO_INLINE I16x unzipOdd(I16x x, I16x y) { return (I16x)zipHigh(evenThenOdd(x), evenThenOdd(y)); }
 
 KESAUDIO_INLINE I16x duplicateEven(I16x x) { return reorder<0, 0, 2, 2, 4, 4, 6, 6>(x); }
 KESAUDIO_INLINE I32x duplicateEven(I32x x) { return shuffle<0, 0, 2, 2>(x, x); }
@@ -153,10 +175,14 @@ KESAUDIO_INLINE Vector inOrder(Vector x) {
 #endif
 }
 
+template <class Vector, int kCount>
+KESAUDIO_INLINE void loadBlocks(const Byte* p, Vector (&x)[kCount]) {
+  for (int i = 0; i < kCount; ++i) x[i] = loadBlocks<Vector>(p + 16 * i, 16 * kCount);
+}
 template <int kCount>
 KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
   I32x m[kCount];
-  for (int i = 0; i < kCount; ++i) m[i] = loadBlocks<I32x>(p + 16 * i, 16 * kCount);
+  loadBlocks(p, m);
   if constexpr (kCount == 1) {
     x[0] = m[0];
   } else if constexpr (kCount == 2) {
@@ -175,17 +201,12 @@ KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
   }
 }
 template <int kCount>
+KESAUDIO_INLINE void deinterleave(const I64x (&m)[kCount], I64x (&x)[kCount]);
+template <int kCount>
 KESAUDIO_INLINE void loadElements(const Byte* p, I64x (&x)[kCount]) {
   I64x m[kCount];
-  for (int i = 0; i < kCount; ++i) m[i] = loadBlocks<I64x>(p + 16 * i, 16 * kCount);
-  if constexpr (kCount == 1) {
-    x[0] = m[0];
-  } else if constexpr (kCount == 3) {  // a0 b0, c0 a1, b1 c1
-    x[0] = shuffle<0, 1>(m[0], m[1]), x[1] = shuffle<1, 0>(m[0], m[2]), x[2] = shuffle<0, 1>(m[1], m[2]);
-  } else {
-    constexpr int kHalf = kCount / 2;
-    for (int i = 0; i < kHalf; ++i) x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);
-  }
+  loadBlocks(p, m);
+  deinterleave(m, x);
 }
 
 template <class Vector>
@@ -244,21 +265,26 @@ KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) {
   return (I16x)KESAUDIO_X86(adds_epi16)((Register)x, (Register)y);
 }
-// Lanes of y where x is negative, else of z.
-KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) {
+// whereNegative: lanes of y where x is negative, else of z.
 #if defined(__SSE4_1__)
+KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return (I32x)KESAUDIO_X86(min_epi32)((Register)x, (Register)y); }
+KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return (I32x)KESAUDIO_X86(max_epi32)((Register)x, (Register)y); }
+KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) {
   return (I32x)KESAUDIO_X86(blendv_ps)((FloatRegister)z, (FloatRegister)y, (FloatRegister)x);
-#else
-  return x < 0 ? y : z;
-#endif
 }
+#else
+KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return x < y ? x : y; }
+KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return x < y ? y : x; }
+KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) { return x < 0 ? y : z; }
+#endif
+inline constexpr bool kHasSaturatingAdd32 = false;
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) {
   const auto sum = (I32x)((U32x)x + (U32x)y);
   return whereNegative((sum ^ x) & (sum ^ y), (x >> 31) ^ INT32_MAX, sum);
 }
 // First the term whose sign may differ from x's, whose sum cannot leave 32 bits, then the other.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
-  const I32x less = y < z ? y : z, more = y < z ? z : y;
+  const I32x less = lesser(y, z), more = greater(y, z);
   return saturatingAdd(saturatingAdd(x, whereNegative(x, more, less)), whereNegative(x, less, more));
 }
 
@@ -268,9 +294,7 @@ struct Wide {
 KESAUDIO_INLINE Wide widenAndAdd(I16x x, I16x y) {
   return {weightedPairs(zipLow(x, y), 1, 1), weightedPairs(zipHigh(x, y), 1, 1)};
 }
-KESAUDIO_INLINE Wide widenAndAdd(Wide sum, I16x x) {
-  return {sum.low + ((I32x)zipLow(x, x) >> 16), sum.high + ((I32x)zipHigh(x, x) >> 16)};
-}
+KESAUDIO_INLINE Wide widen(I16x x) { return {(I32x)zipLow(x, x) >> 16, (I32x)zipHigh(x, x) >> 16}; }
 
 KESAUDIO_INLINE I16x saturateNarrow(I32x x, I32x y) {
   return (I16x)KESAUDIO_X86(packs_epi32)((Register)x, (Register)y);
@@ -280,15 +304,8 @@ KESAUDIO_INLINE I16x narrow(I32x x, I32x y) { return saturateNarrow(x, y); }
 
 KESAUDIO_INLINE I32x addPairs(I16x x) { return weightedPairs(x, 1, 1); }
 KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return sum + addPairs(x); }
-// Without a shift of 64-bit lanes that extends the sign: as unsigned numbers, each 2^31 more.
-KESAUDIO_INLINE I64x addPairs(I32x x) {
-  const I64x biased = (I64x)(x ^ INT32_MIN);
-  return (biased & UINT32_MAX) + (I64x)KESAUDIO_X86(srli_epi64)((Register)biased, 32) - (std::int64_t{1} << 32);
-}
-KESAUDIO_INLINE I64x addPairs(I64x sum, I32x x) { return sum + addPairs(x); }
 
 KESAUDIO_INLINE I32x addNeighbours(I32x x, I32x y) { return unzipEven(x, y) + unzipOdd(x, y); }
-KESAUDIO_INLINE I64x addNeighbours(I64x x, I64x y) { return zipLow(x, y) + zipHigh(x, y); }
 
 // The floor, (x & y) + (x ^ y) / 2, and the bit it drops where it is below zero.
 template <class Vector>
@@ -297,18 +314,16 @@ KESAUDIO_INLINE Vector averageOfTwo(Vector x, Vector y) {
   return down + ((x ^ y) & 1 & (down < 0));
 }
 
-// ---- division
+// ---- averages
 
 // What a division by 2 to 8 multiplies by: a little more than 1 / divisor, so that exact quotients do not fall below
 // themselves however a thread rounds its floating-point numbers, and too little to reach the next quotient.
 struct Divisor {
   float small;
-  std::int32_t factor;
   double wide;
 };
 KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
-  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f),
-          static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 1.0 / divisor * (1 + 0x1p-45)};
+  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f), 1.0 / divisor * (1 + 0x1p-45)};
 }
 
 // The sum of at most eight 16-bit samples.
@@ -316,74 +331,57 @@ KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) {
   return __builtin_convertvector(__builtin_convertvector(sum, Floats) * by.small, I32x);
 }
 
-// Of at most eight 24-bit samples: the floor of the product, from the even lanes and from the odd ones, and one more
-// below zero.
-KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
-#if defined(__SSE4_1__)
-  const Register factor = KESAUDIO_X86(set1_epi32)(by.factor);
-  const auto even = (I64x)KESAUDIO_X86(mul_epi32)((Register)sum, factor);
-  const Register odd = KESAUDIO_X86(mul_epi32)(KESAUDIO_X86(srli_epi64)((Register)sum, 32), factor);
-  const Register evenFloor = KESAUDIO_X86(srli_epi64)((Register)(even + even), 32);
-  const auto oddFloor = KESAUDIO_X86(add_epi64)(odd, odd);
-  return (I32x)KESAUDIO_X86(blend_epi16)(evenFloor, oddFloor, 0xCC) - (sum >> 31);
-#else
-  for (int i = 0; i < 4; ++i) sum[i] = static_cast<std::int32_t>(sum[i] * by.wide);
-  return sum;
-#endif
-}
-
-// Of at most eight 32-bit samples and a bias. Below 2^52 a number in the lower bits of a double that is 1.5 * 2^52 is
-// that double's fraction.
-KESAUDIO_INLINE HalfI32x divideHalf(I64x sum, Divisor by, std::int64_t bias) {
-  const Doubles exact = (Doubles)(sum + (0x4338000000000000 - bias)) - 0x1.8p52;
-  const auto quotients = KESAUDIO_X86(cvttpd_epi32)((DoubleRegister)(exact * by.wide));
+// Of at most eight 24-bit samples, by doubles.
 #if defined(__AVX2__)
-  return (HalfI32x)quotients;
-#else
-  return (HalfI32x)_mm_cvtsi128_si64(quotients);
-#endif
+KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm256_cvttpd_epi32((DoubleRegister)x); }
+KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm256_set_m128i(high, low); }
+KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) {
+  return joinHalves(_mm_unpacklo_epi32(even, odd), _mm_unpackhi_epi32(even, odd));
 }
+KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
+  const auto low = (Doubles)_mm256_cvtepi32_pd(_mm256_castsi256_si128((Register)sum));
+  const auto high = (Doubles)_mm256_cvtepi32_pd(_mm256_extracti128_si256((Register)sum, 1));
+  return joinHalves(truncate(low * by.wide), truncate(high * by.wide));
+}
+#else
+KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm_cvttpd_epi32((DoubleRegister)x); }
+KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm_unpacklo_epi64(low, high); }
+KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) { return (I32x)_mm_unpacklo_epi32(even, odd); }
+KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
+  const auto low = (Doubles)_mm_cvtepi32_pd((Register)sum);
+  const auto high = (Doubles)_mm_cvtepi32_pd((Register)zipHigh((I64x)sum, (I64x)sum));
+  return joinHalves(truncate(low * by.wide), truncate(high * by.wide));
+}
+#endif
 
-// The sums of the even lanes and of the odd ones, each of count lanes as unsigned numbers, 2^31 more than they are.
+// Of at most eight 32-bit samples. Without a shift of 64-bit lanes that extends the sign they are added as unsigned
+// numbers, 2^31 more than they are, and the sums have that much too much.
 struct WideSums {
   I64x even, odd;
-  int count;
+  std::int64_t excess;
 };
-KESAUDIO_INLINE WideSums widenAndAdd(WideSums sum, I32x x) {
+KESAUDIO_INLINE WideSums operator+(WideSums x, WideSums y) {
+  return {x.even + y.even, x.odd + y.odd, x.excess + y.excess};
+}
+KESAUDIO_INLINE WideSums widen(I32x x) {
   const I64x biased = (I64x)(x ^ INT32_MIN);
-  return {sum.even + (biased & UINT32_MAX), sum.odd + (I64x)KESAUDIO_X86(srli_epi64)((Register)biased, 32),
-          sum.count + 1};
+  return {biased & UINT32_MAX, (I64x)KESAUDIO_X86(srli_epi64)((Register)biased, 32), std::int64_t{1} << 31};
 }
-KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) { return widenAndAdd(widenAndAdd(WideSums{{}, {}, 0}, x), y); }
-
-KESAUDIO_INLINE I32x divideWide(WideSums sum, Divisor by) {
-  const std::int64_t bias = std::int64_t{sum.count} << 31;
-  const HalfI32x even = divideHalf(sum.even, by, bias), odd = divideHalf(sum.odd, by, bias);
-#if defined(__AVX2__)
-  return (I32x)_mm256_set_m128i(_mm_unpackhi_epi32((__m128i)even, (__m128i)odd),
-                                _mm_unpacklo_epi32((__m128i)even, (__m128i)odd));
-#else
-  return I32x{even[0], odd[0], even[1], odd[1]};
-#endif
+KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) { return widen(x) + widen(y); }
+KESAUDIO_INLINE WideSums addPairs(I32x x, I32x y) {
+  const WideSums first = widen(x), second = widen(y);
+  return {first.even + first.odd, second.even + second.odd, 2 * first.excess};
 }
-
-// Of the totals of the first frames and of the next.
-KESAUDIO_INLINE I32x divideTotals(I64x first, I64x second, Divisor by) {
-  const HalfI32x low = divideHalf(first, by, 0), high = divideHalf(second, by, 0);
-#if defined(__AVX2__)
-  return (I32x)_mm256_set_m128i((__m128i)high, (__m128i)low);
-#else
-  return I32x{low[0], low[1], high[0], high[1]};
-#endif
+// Below 2^52 a number in the lower bits of a double that is 1.5 * 2^52 is that double's fraction.
+KESAUDIO_INLINE __m128i divide(I64x sum, std::int64_t excess, Divisor by) {
+  return truncate(((Doubles)(sum + (0x4338000000000000 - excess)) - 0x1.8p52) * by.wide);
 }
-
-template <int kDivisor>
-KESAUDIO_INLINE I32x divideWideByPowerOf2(WideSums sum) {
-  return divideWide(sum, makeDivisor(kDivisor));
+KESAUDIO_INLINE I32x divide(WideSums sum, Divisor by) {
+  return interleaveHalves(divide(sum.even, sum.excess, by), divide(sum.odd, sum.excess, by));
 }
-template <int kDivisor>
-KESAUDIO_INLINE I32x divideTotalsByPowerOf2(I64x first, I64x second) {
-  return divideTotals(first, second, makeDivisor(kDivisor));
+// The quotients of sums by addPairs, in the order of the frames.
+KESAUDIO_INLINE I32x dividePairs(WideSums sum, Divisor by) {
+  return joinHalves(divide(sum.even, sum.excess, by), divide(sum.odd, sum.excess, by));
 }
 
 }  // namespace kesaudio

@@ -13,6 +13,16 @@ using namespace kesaudio::channel;
 
 namespace {
 
+// The gain of the mixes, and the exact sum clamped, of single samples.
+template <class Format>
+constexpr std::int32_t gain(std::int32_t x) {
+  return clamp<S32>(scale(x, kMixGainShift));
+}
+template <class Format, class... Terms>
+constexpr std::int32_t clampedSum(std::int32_t first, Terms... terms) {
+  return clamp<Format>((std::int64_t{first} + ... + terms));
+}
+
 template <class Body>
 void withCount(int32_t count, Body body) {
   switch (count) {

@@ -6,8 +6,7 @@
 //
 // Each term is rounded on its own. The 32-bit sum is stored as it is, so its terms must leave room for one another:
 // n channels <= 2^L with L = ceil(log2(n)), so |sum| <= 2^L * 2^31 * 46346 / 2^(16 + L) = 0.7072 * 2^31 for any n.
-#include "channel/mono.h"
-#include "channel/moves.h"
+#include "channel/mix.h"
 #include "kesaudio/channel_kernels.h"
 
 using namespace kesaudio;
@@ -31,59 +30,36 @@ int32_t foldFrame(const Byte* in, int32_t channels, int shift) {
   return clamp<Format>(sum);
 }
 
-template <class Format, int kChannels>
-struct Fold;
-
-template <int kChannels>
-struct Fold<S16, kChannels> {
-  explicit Fold(const MixCall&) {}
-  KESAUDIO_INLINE I32x operator()(I16x x) const { return addPairs(addPairs(x), scaleQ15(x, kFractionQ15)); }
-  KESAUDIO_INLINE I32x operator()(I32x sum, I16x x) const {
-    return addPairs(addPairs(sum, x), scaleQ15(x, kFractionQ15));
-  }
-  KESAUDIO_INLINE I16x finish(I32x first, I32x second) const { return inOrder(saturateNarrow(first, second)); }
-};
-
-template <int kChannels>
-struct Fold<S24, kChannels> {
-  explicit Fold(const MixCall&) {}
-  KESAUDIO_INLINE I32x operator()(I32x x) const { return gain<S24>(x); }
-  KESAUDIO_INLINE I32x operator()(I32x sum, I32x x) const { return sum + gain<S24>(x); }
-  KESAUDIO_INLINE I32x finish(I32x first, I32x second) const {
-    return inOrder(clamp<S24>(addNeighbours(first, second)));
-  }
-};
-
-template <int kChannels>
-struct Fold<S32, kChannels> {
-  const int shift;
-  explicit Fold(const MixCall& call) : shift(extraShift<S32>(call.channels)) {}
-  KESAUDIO_INLINE I32x operator()(I32x x) const { return scaleAndShift(x, kMixGainQ15, shift); }
-  KESAUDIO_INLINE I32x operator()(I32x sum, I32x x) const { return sum + scaleAndShift(x, kMixGainQ15, shift); }
-  KESAUDIO_INLINE I32x finish(I32x first, I32x second) const { return inOrder(addNeighbours(first, second)); }
-};
-
-template <class Loader>
-using FoldStep = MonoStep<Fold, Loader>;
-
-// To frames of several channels by way of a chunk of one.
 template <class Format>
-void foldChunks(const Blocks& blocks) {
-  constexpr std::ptrdiff_t kChunkFrames = 256;
-  const MixLoop loop = mixLoop<FoldStep, Format>(blocks.srcChannels);
-  const MixCall call{frameBytes<Format>(blocks.srcChannels), blocks.srcChannels, {}};
-  const std::ptrdiff_t out = frameBytes<Format>(blocks.dstChannels);
-  std::ptrdiff_t frames = frameCount<Format>(blocks);
-  if (blocks.dstChannels == 1) return mixFrames(loop, blocks.dst, blocks.src, frames, call);
-  Byte chunk[kChunkFrames * Format::kBytes];
-  const Byte* src = blocks.src;
-  for (Byte* dst = blocks.dst; frames > 0; frames -= kChunkFrames) {
-    const std::ptrdiff_t count = frames < kChunkFrames ? frames : kChunkFrames;
-    mixFrames(loop, chunk, src, count, call);
-    expandFrames(dst, out, chunk, Format::kBytes, count, Fill::kRepeat);
-    dst += count * out, src += count * call.frameBytes;
+struct Fold {
+  static constexpr int kOut = 1;
+  const int shift;
+  explicit Fold(const MixCall& call) : shift(extraShift<Format>(call.channels)) {}
+
+  template <int kPairs>
+  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&mixed)[1]) const {
+    I32x first = term(pairs[0][0]), second = term(pairs[1][0]);
+    for (int i = 1; i < kPairs; ++i) first = add(first, pairs[0][i]), second = add(second, pairs[1][i]);
+    if constexpr (std::is_same_v<Format, S16>)
+      mixed[0] = inOrder(saturateNarrow(first, second));
+    else
+      mixed[0] = inOrder(clamp<Format>(addNeighbours(first, second)));
   }
-}
+
+  // Of a pair of 16-bit samples the sum of their terms.
+  KESAUDIO_INLINE I32x term(I16x x) const { return addPairs(addPairs(x), scaleQ15(x, kFractionQ15)); }
+  KESAUDIO_INLINE I32x add(I32x sum, I16x x) const { return addPairs(addPairs(sum, x), scaleQ15(x, kFractionQ15)); }
+  KESAUDIO_INLINE I32x term(I32x x) const {
+    return std::is_same_v<Format, S32> ? scaleAndShift(x, kMixGainQ15, shift) : gain<S24>(x);
+  }
+  KESAUDIO_INLINE I32x add(I32x sum, I32x x) const { return sum + term(x); }
+};
+
+template <class Format>
+struct Steps {
+  template <int kPairs>
+  using Step = PairsStep<Format, Fold<Format>, kPairs>;
+};
 
 }  // namespace
 
@@ -93,14 +69,15 @@ void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* s
   const Blocks blocks{static_cast<Byte*>(dst), dstChannels, static_cast<const Byte*>(src), srcChannels, byteCount};
   withFormat(format, [&](auto formatTag) {
     using Format = decltype(formatTag);
-    if constexpr (kHasMixes<Format>) {
-      if (srcChannels >= 2 && srcChannels <= kMaxMixChannels) return foldChunks<Format>(blocks);
-    }
+    const std::ptrdiff_t in = frameBytes<Format>(srcChannels), out = frameBytes<Format>(dstChannels);
+    const std::ptrdiff_t frames = frameCount<Format>(blocks);
+    if (srcChannels >= 2 && srcChannels <= kMaxMixChannels)
+      return mixBlock(loopForChannels<Steps<Format>>(srcChannels), {srcChannels, {}}, blocks.dst, out, blocks.src, in,
+                      frames, Fill::kRepeat);
     const int shift = kMixGainShift + extraShift<Format>(srcChannels);
-    forEachFrame(blocks.dst, frameBytes<Format>(dstChannels), blocks.src, frameBytes<Format>(srcChannels),
-                 frameCount<Format>(blocks), [=](Byte* outFrame, const Byte* inFrame) {
-                   const int32_t value = foldFrame<Format>(inFrame, srcChannels, shift);
-                   for (int32_t c = 0; c < dstChannels; ++c) Format::store(outFrame + frameBytes<Format>(c), value);
-                 });
+    forEachFrame(blocks.dst, out, blocks.src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
+      const int32_t value = foldFrame<Format>(inFrame, srcChannels, shift);
+      for (int32_t c = 0; c < dstChannels; ++c) Format::store(outFrame + frameBytes<Format>(c), value);
+    });
   });
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gain of the mixes and the clamped sum, of a sample and of a vector of samples.
+// The gain of the mixes and the clamped sum, of samples in vectors; the scalar steps of folds and averages.
 //
 //   g(x) = floor(x * 46346 / 2^15) = x + floor(x * 13578 / 2^15)
 #ifndef KESAUDIO_CHANNEL_GAIN_H
@@ -18,7 +18,7 @@ inline constexpr std::int32_t kMixGainQ15 = 46346;
 inline constexpr int kMixGainShift = 15;
 inline constexpr std::int16_t kFractionQ15 = kMixGainQ15 - (1 << kMixGainShift);
 
-// ---- samples
+// ---- single samples
 
 // value limited to the range of the format.
 template <class Format>
@@ -28,18 +28,6 @@ constexpr std::int32_t clamp(std::int64_t value) {
 
 // x * 46346 / 2^shift, rounded down (an arithmetic shift, not a division). |x| <= 2^31, so the product is below 2^47.
 constexpr std::int64_t scale(std::int32_t x, int shift) { return std::int64_t{x} * kMixGainQ15 >> shift; }
-
-// g(x). Only a 32-bit sample can leave 32 bits, and saturates.
-template <class Format>
-constexpr std::int32_t gain(std::int32_t x) {
-  return clamp<S32>(scale(x, kMixGainShift));
-}
-
-// The exact sum, clamped.
-template <class Format, class... Terms>
-constexpr std::int32_t clampedSum(std::int32_t first, Terms... terms) {
-  return clamp<Format>((std::int64_t{first} + ... + terms));
-}
 
 // Adds to a frame's sum in its own width. Frames of very many channels can leave it, 24-bit folds of 182 the first,
 // and wrap: defined, if meaningless.
@@ -54,18 +42,24 @@ constexpr Sum addWrapping(Sum sum, std::int64_t term) {
 template <class Format>
 using Samples = std::conditional_t<std::is_same_v<Format, S16>, I16x, I32x>;
 
+KESAUDIO_INLINE I32x limit(I32x x, std::int32_t low, std::int32_t high) {
+  return greater(lesser(x, I32x{} + high), I32x{} + low);
+}
 template <class Format>
 KESAUDIO_INLINE I32x clamp(I32x x) {
-  const I32x low = I32x{} + Format::kMin, high = I32x{} + Format::kMax;
-  x = x > high ? high : x;
-  return x < low ? low : x;
+  return limit(x, Format::kMin, Format::kMax);
 }
 
-// Sums of 24-bit samples up to 2^25 may be gained, too.
+// Of sums of 24-bit samples, too, up to 2^25. 32-bit samples saturate: g of 1518334790 and of its negative are the
+// two ends of the range, so a machine without a saturating addition limits x instead.
 template <class Format>
 KESAUDIO_INLINE I32x gain(I32x x) {
-  const I32x fraction = scaleQ15(x, kFractionQ15);
-  return std::is_same_v<Format, S32> ? saturatingAdd(x, fraction) : x + fraction;
+  if constexpr (!std::is_same_v<Format, S32>) return x + scaleQ15(x, kFractionQ15);
+  if constexpr (kHasSaturatingAdd32) return saturatingAdd(x, scaleQ15(x, kFractionQ15));
+  constexpr std::int32_t kLargest = 1518334790;
+  static_assert(scale(kLargest, kMixGainShift) == S32::kMax && scale(-kLargest, kMixGainShift) == S32::kMin);
+  x = limit(x, -kLargest, kLargest);
+  return x + scaleQ15(x, kFractionQ15);
 }
 
 template <class Format>
@@ -93,8 +87,8 @@ KESAUDIO_INLINE I16x clampedSum(I16x x, Gained y) {
 // The fractions fit together: 2 * 13578 < 2^15.
 template <class Format>
 KESAUDIO_INLINE I16x clampedSum(I16x x, Gained y, Gained z) {
-  const Wide some = widenAndAdd(x, y.x), others = widenAndAdd(z.x, y.fraction + z.fraction);
-  return saturateNarrow(some.low + others.low, some.high + others.high);
+  const Wide sum = widenAndAdd(x, y.x) + widenAndAdd(z.x, y.fraction + z.fraction);
+  return saturateNarrow(sum.low, sum.high);
 }
 
 }  // namespace kesaudio::channel

@@ -1,78 +1,173 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a mix over a block in steps of vectors. A step loads its frames before it stores any, and mixed frames are no
-// longer than the input's, so a block can be mixed in place. What is left at its end, less than a step or too close
-// to it for whole vectors, goes the same way through a copy: not a byte outside the frames is touched.
+// Runs a mix over a block: a loop of steps of vectors, each of which loads its frames before it stores any, so that a
+// block can be mixed in place.
+//
+// A step is two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block has its first
+// frames, the second block the rest of them.
 #ifndef KESAUDIO_CHANNEL_MIX_H
 #define KESAUDIO_CHANNEL_MIX_H
 
-#include "channel/pairs.h"
+#include "base/packed24.h"
+#include "channel/frames.h"
+#include "channel/gain.h"
+#include "channel/moves.h"
 
 namespace kesaudio::channel {
 
-// Whether samples of the format are mixed in vectors, in frames of up to kMaxMixChannels.
-template <class Format>
-inline constexpr bool kHasMixes = kHasByteShuffle || !std::is_same_v<Format, S24>;
-inline constexpr std::int32_t kMaxMixChannels = 8;
+// ---- samples in memory
 
-// A mix's loop: converts whole steps of `frames` frames to frames of outBytes. It reads readBytes from the start of a
-// step's last frame.
-struct MixLoop {
-  void (*run)(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call);
-  std::int16_t frames, readBytes, outBytes;
+template <class Format>
+inline constexpr int kStepFrames = (std::is_same_v<Format, S16> ? 8 : 4) * kBlocks;
+
+struct MixCall {
+  std::int32_t channels;  // of the input
+  Divisor divisor;
 };
 
-// A step has kFrames, kOutBytes, the bytes it reads from the start of its last frame as readBytes, the bytes of an
-// input frame as stride(), and converts by its operator.
+// Loads half a step's frames of 2 * kPairs channels, pairs[p] being channels 2p and 2p + 1 of each, left and right in
+// turn.
+template <class Format, int kPairs>
+struct PairsLoader {
+  explicit PairsLoader(const MixCall&) {}
+  static constexpr std::ptrdiff_t frameBytes(std::int32_t) { return channel::frameBytes<Format>(2 * kPairs); }
+  static constexpr std::ptrdiff_t frameBytes() { return frameBytes(0); }
+
+  template <int kHalf>
+  KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
+    std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> elements[kPairs];
+    loadElements(p, elements);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)elements[i];
+  }
+};
+
+// Packed samples come in rows of four from 16 bytes of memory: of a whole step, so that the first half's last row
+// ends before the step does, and the second half's rows with their samples. Two pairs are a frame to a row: there
+// frames may have fewer channels, which makes the missing one silent, or more.
+template <int kPairs>
+struct PairsLoader<S24, kPairs> {
+  const std::ptrdiff_t rowBytes;
+  const PackedLoader first, second;
+
+  explicit PairsLoader(const MixCall& call)
+      : rowBytes(kPairs == 2 ? frameBytes(call.channels) : 12),
+        first(0, kPairs == 2 ? call.channels : 4),
+        second(rowBytes < 16 ? 16 - static_cast<int>(rowBytes) : 0, first.count) {}
+  static constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
+    return channel::frameBytes<S24>(kPairs == 2 ? channels : 2 * kPairs);
+  }
+  std::ptrdiff_t frameBytes() const { return kPairs == 2 ? rowBytes : frameBytes(0); }
+
+  template <int kHalf>
+  KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
+    const PackedLoader& loader = kHalf == 0 ? first : second;
+    I64x rows[kPairs], elements[kPairs];
+    for (int i = 0; i < kPairs; ++i) rows[i] = (I64x)loader.loadHigh(p + i * rowBytes - loader.at, kPairs * rowBytes);
+    deinterleave(rows, elements);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = (I32x)elements[i] >> 8;
+  }
+};
+
+// Stores a vector of samples. Packed ones may take 4 bytes more, unless they are the step's last.
+template <class Format, bool kIsLast>
+KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
+  if constexpr (!std::is_same_v<Format, S24>)
+    store(p, x);
+  else if constexpr (kIsLast)
+    storePacked24Exactly(p, x);
+  else
+    storePacked24(p, x);
+}
+
+// ---- loops
+
+inline constexpr std::int32_t kMaxMixChannels = 8;
+
+// Converts whole steps of `frames` frames of in bytes to frames of out bytes.
+struct MixLoop {
+  void (*run)(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call);
+  std::ptrdiff_t frames, in, out;
+};
+
+// A step converts kFrames frames of a Format from in bytes to kOut channels by its operator.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);
   for (; steps > 0; --steps) {
     step(dst, src);
-    dst += Step::kOutBytes * Step::kFrames;
-    src += step.stride() * Step::kFrames;
+    dst += frameBytes<typename Step::Format>(Step::kOut) * Step::kFrames;
+    src += step.in() * Step::kFrames;
   }
 }
-
 template <class Step>
-MixLoop mixLoop(std::int32_t channels) {
-  const std::ptrdiff_t readBytes = Step::readBytes(frameBytes<typename Step::Format>(channels));
-  return {runSteps<Step>, Step::kFrames, static_cast<std::int16_t>(readBytes), Step::kOutBytes};
+MixLoop loopOf(std::int32_t channels) {
+  return {runSteps<Step>, Step::kFrames, Step::in(channels), frameBytes<typename Step::Format>(Step::kOut)};
 }
 
-// The loop of a step over all channels of a frame, of 2 to 8.
-template <template <class Loader> class Step, class Format>
-MixLoop mixLoop(std::int32_t channels) {
-  switch (channels) {
-    case 2: return mixLoop<Step<AllPairs<Format, 2>>>(channels);
-    case 3: return mixLoop<Step<AllPairs<Format, 3>>>(channels);
-    case 4: return mixLoop<Step<AllPairs<Format, 4>>>(channels);
-    case 5: return mixLoop<Step<AllPairs<Format, 5>>>(channels);
-    case 6: return mixLoop<Step<AllPairs<Format, 6>>>(channels);
-    case 7: return mixLoop<Step<AllPairs<Format, 7>>>(channels);
-    default: return mixLoop<Step<AllPairs<Format, 8>>>(channels);
+// A step of a mix of pairs, which is constructed from a MixCall, and by its operator mixes the pairs of both halves
+// into kOut vectors of samples.
+template <class FormatType, class Mix, int kPairs>
+struct PairsStep {
+  using Format = FormatType;
+  static constexpr int kOut = Mix::kOut, kFrames = kStepFrames<Format>;
+  const PairsLoader<Format, kPairs> loader;
+  const Mix mix;
+  explicit PairsStep(const MixCall& call) : loader(call), mix(call) {}
+  static constexpr std::ptrdiff_t in(std::int32_t channels) {
+    return PairsLoader<Format, kPairs>::frameBytes(channels);
+  }
+  std::ptrdiff_t in() const { return loader.frameBytes(); }
+
+  KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
+    Samples<Format> pairs[2][kPairs], mixed[kOut];
+    loader.template load<0>(src, pairs[0]);
+    loader.template load<1>(src + kFrames / 2 * in(), pairs[1]);
+    mix(pairs, mixed);
+    unrolled<kOut>([&](auto i) KESAUDIO_INLINED {
+      storeSamples<Format, i == kOut - 1>(dst + i * (kFrames / kOut * frameBytes<Format>(kOut)), mixed[i]);
+    });
+  }
+};
+
+// The loop of Steps::Step<kPairs>, for frames of 2 to 8 channels; an odd one has a silent neighbour.
+template <class Steps>
+MixLoop loopForChannels(std::int32_t channels) {
+  switch ((channels + 1) / 2) {
+    case 1: return loopOf<typename Steps::template Step<1>>(channels);
+    case 2: return loopOf<typename Steps::template Step<2>>(channels);
+    case 3: return loopOf<typename Steps::template Step<3>>(channels);
+    default: return loopOf<typename Steps::template Step<4>>(channels);
   }
 }
 
-// Mixes the frames of a block.
-[[gnu::noinline]] inline void mixFrames(const MixLoop& loop, Byte* dst, const Byte* src, std::ptrdiff_t frames,
-                                        const MixCall& call) {
-  const std::ptrdiff_t in = call.frameBytes, out = loop.outBytes;
-  // Less a step where the last one would reach beyond the block.
-  std::ptrdiff_t steps = static_cast<std::uint32_t>(frames) / static_cast<std::uint32_t>(loop.frames);
-  while (steps > 0 && (steps * loop.frames - 1) * in + loop.readBytes > frames * in) --steps;
-  loop.run(dst, src, steps, call);
+// ---- blocks
 
+// Whole steps, then the rest by way of a copy: not a byte outside the frames is touched.
+[[gnu::noinline]] inline void mixFrames(const MixLoop& loop, const MixCall& call, Byte* dst, const Byte* src,
+                                        std::ptrdiff_t frames) {
+  const std::ptrdiff_t steps = static_cast<std::uint32_t>(frames) / static_cast<std::uint32_t>(loop.frames);
+  loop.run(dst, src, steps, call);
   const std::ptrdiff_t done = steps * loop.frames, rest = frames - done;
   if (rest == 0) return;
-  // Twice a step at most, since less than a step's frames must follow the last one.
-  constexpr std::ptrdiff_t kMaxFrames = 2 * kStepFrames<S16>;
-  Byte from[kMaxFrames * kMaxMixChannels * 4 + 32], to[kMaxFrames * 2 * 4];
-  const std::ptrdiff_t restSteps = rest > loop.frames ? 2 : 1, missing = restSteps * loop.frames - rest;
-  std::memcpy(from, src + done * in, static_cast<std::size_t>(rest * in));
-  if (missing > 0) std::memset(from + rest * in, 0, static_cast<std::size_t>(missing * in));
-  std::memset(from + restSteps * loop.frames * in, 0, 32);
-  loop.run(to, from, restSteps, call);
-  std::memcpy(dst + done * out, to, static_cast<std::size_t>(rest * out));
+  Byte from[kStepFrames<S16> * frameBytes<S16>(kMaxMixChannels)] = {}, to[sizeof from];
+  std::memcpy(from, src + done * loop.in, static_cast<std::size_t>(rest * loop.in));
+  loop.run(to, from, 1, call);
+  std::memcpy(dst + done * loop.out, to, static_cast<std::size_t>(rest * loop.out));
+}
+
+// Mixes frames of in bytes to frames of out bytes. Those of other sizes than the loop's go through chunks: missing
+// input channels are silent, surplus ones dropped; fill says what further output channels are.
+inline void mixBlock(const MixLoop& loop, const MixCall& call, Byte* dst, std::ptrdiff_t out, const Byte* src,
+                     std::ptrdiff_t in, std::ptrdiff_t frames, Fill fill = Fill::kSilence) {
+  if (in == loop.in && out == loop.out) return mixFrames(loop, call, dst, src, frames);
+  constexpr std::ptrdiff_t kChunkFrames = 128;
+  Byte from[kChunkFrames * kMaxMixChannels * 4], to[kChunkFrames * 2 * 4];
+  for (; frames > 0; frames -= kChunkFrames) {
+    const std::ptrdiff_t count = frames < kChunkFrames ? frames : kChunkFrames;
+    if (in != loop.in) resizeFrames(from, loop.in, src, in, count, Fill::kSilence);
+    mixFrames(loop, call, out == loop.out ? dst : to, in == loop.in ? src : from, count);
+    if (out != loop.out) resizeFrames(dst, out, to, loop.out, count, fill);
+    dst += count * out, src += count * in;
+  }
 }
 
 }  // namespace kesaudio::channel

@@ -4,6 +4,7 @@
 #define KESAUDIO_CHANNEL_PIECES_H
 
 #include "base/simd.h"
+#include "channel/frames.h"
 
 namespace kesaudio::channel {
 
@@ -66,6 +67,22 @@ template <class Piece, class Mask = Unmasked>
     src += kTogether * in, src16 += kTogether * in;
   }
   for (; frames > 0; --frames, dst += out, src += in) (Piece(src, src + 16) & mask).store(dst, dst + 16);
+}
+
+// Calls move(output, input, frames) for disjoint blocks: once, or where these overlap, chunk by chunk from a copy,
+// from the first to the last for shorter frames and from the last to the first for longer ones, so that every frame
+// is read before it is written over.
+template <class Move>
+void moveApart(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames, Move move) {
+  if (areDisjoint(dst, frames * out, src, frames * in)) return move(dst, src, frames);
+  Byte chunk[1024];
+  const std::ptrdiff_t most = static_cast<std::ptrdiff_t>(sizeof chunk) / in;
+  for (std::ptrdiff_t left = frames, count; left > 0; left -= count) {
+    count = left < most ? left : most;
+    const std::ptrdiff_t at = out < in ? frames - left : left - count;
+    std::memcpy(chunk, src + at * in, static_cast<std::size_t>(count * in));
+    move(dst + at * out, chunk, count);
+  }
 }
 
 }  // namespace kesaudio::channel
