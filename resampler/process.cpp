@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "resampler/flavour.h"
+#include "resampler/variant.h"
 
 namespace kesaudio::resampler {
 namespace {
@@ -48,7 +48,7 @@ bool moveBehindZeros(void* dst, uint32_t madeBytes, uint32_t expectedBytes) {
 
 }  // namespace
 
-uint32_t process(KesAudioSrcInC* handle, const Flavour& flavour, const void* src, uint32_t* inBytes, void* dst,
+uint32_t process(KesAudioSrcInC* handle, const Variant& variant, const void* src, uint32_t* inBytes, void* dst,
                  uint32_t* outBytes) {
   if (handle->mState != KES_STATE_OPEN) return KES_REFUSED;
   uint32_t expected = expectedBytes(handle->mParam, *inBytes);
@@ -56,13 +56,13 @@ uint32_t process(KesAudioSrcInC* handle, const Flavour& flavour, const void* src
     __android_log_print(KES_LOG_ERROR, kTag, "OutputSampleCount %u < %u!!", *outBytes, expected);
     expected = *outBytes;
   }
-  flavour.process(handle->mpResampler, handle->mpTempBuf, src, inBytes, dst, outBytes);
+  variant.process(handle->mpResampler, handle->mpTempBuf, src, inBytes, dst, outBytes);
 
   if (handle->mFirstBlockDone != 1 && *outBytes != expected) {
     __android_log_print(KES_LOG_DEBUG, kTag, "OutputSampleCount %u => %u", *outBytes, expected);
     if (expected > *outBytes) {
       if (!moveBehindZeros(dst, *outBytes, expected)) {
-        __android_log_print(KES_LOG_DEBUG, kTag, "%s() tmp malloc failed\n", flavour.processName);
+        __android_log_print(KES_LOG_DEBUG, kTag, "%s() tmp malloc failed\n", variant.processName);
         return KES_REFUSED;
       }
       *outBytes = expected;

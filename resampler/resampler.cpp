@@ -4,14 +4,14 @@
 
 #include <cstdlib>
 
-#include "resampler/flavour.h"
+#include "resampler/variant.h"
 
 namespace {
 
 using namespace kesaudio::resampler;
 using Record = KesAudioSrcInC;
 
-// ---- what the flavours share
+// ---- what the variants share
 
 void freeBuffers(Record* handle) {
   std::free(handle->mpTempBuf);
@@ -25,28 +25,28 @@ bool allocate(void** buffer, uint32_t bytes) {
   return bytes == 0 || *buffer;
 }
 
-bool prepareLibrary(Record* handle, const Flavour& flavour) {
-  const int32_t result = flavour.getBufferSize(&handle->mInternalBufSize, &handle->mTempBufSize, &handle->mParam);
+bool prepareLibrary(Record* handle, const Variant& variant) {
+  const int32_t result = variant.getBufferSize(&handle->mInternalBufSize, &handle->mTempBufSize, &handle->mParam);
   if (result < 0) {
     __android_log_print(KES_LOG_DEBUG, kTag, "Palix_GetBufferSize return err %d\n", result);
     return false;
   }
   if (!allocate(&handle->mpInternalBuf, handle->mInternalBufSize)) {
-    __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpInternalBuf malloc failed\n", flavour.openName);
+    __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpInternalBuf malloc failed\n", variant.openName);
     return false;
   }
   if (!allocate(&handle->mpTempBuf, handle->mTempBufSize)) {
-    __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpTempBuf malloc failed\n", flavour.openName);
+    __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpTempBuf malloc failed\n", variant.openName);
     return false;
   }
   handle->mpResampler = nullptr;  // an earlier open's must not be taken for this one's
-  flavour.open(&handle->mpResampler, handle->mpInternalBuf, &handle->mParam);
+  variant.open(&handle->mpResampler, handle->mpInternalBuf, &handle->mParam);
   return true;
 }
 
-uint32_t open(Record* handle, const Flavour& flavour, const SrcParam& param) {
+uint32_t open(Record* handle, const Variant& variant, const SrcParam& param) {
   handle->mParam = param;
-  if (!prepareLibrary(handle, flavour)) {
+  if (!prepareLibrary(handle, variant)) {
     freeBuffers(handle);
     return KES_REFUSED;
   }
@@ -54,11 +54,11 @@ uint32_t open(Record* handle, const Flavour& flavour, const SrcParam& param) {
   return KES_OK;
 }
 
-uint32_t reset(Record* handle, const Flavour& flavour) {
-  __android_log_print(KES_LOG_DEBUG, kTag, "+%s()\n", flavour.resetName);
+uint32_t reset(Record* handle, const Variant& variant) {
+  __android_log_print(KES_LOG_DEBUG, kTag, "+%s()\n", variant.resetName);
   if (handle->mState != KES_STATE_OPEN) return KES_REFUSED;
-  flavour.reset(handle->mpResampler);
-  __android_log_print(KES_LOG_DEBUG, kTag, "-%s()\n", flavour.resetName);
+  variant.reset(handle->mpResampler);
+  __android_log_print(KES_LOG_DEBUG, kTag, "-%s()\n", variant.resetName);
   return KES_OK;
 }
 

@@ -53,7 +53,7 @@ Mix mixTo(unsigned channels, const Form& in, ChannelMask layout, bool addSilentC
 // What resampleTo takes as either rate.
 inline constexpr int kLeastRate = 4000, kMostRate = 768000;
 
-// The change of rate: by the plain flavour of the resampler, or by its multichannel one. The first output frame
+// The change of rate: by the plain variant of the resampler, or by its multichannel one. The first output frame
 // stands at the time of the first input frame. Of any samples but packed 24-bit.
 Step resampleTo(int rate, const Form& in, bool multichannel);
 

@@ -7,9 +7,9 @@
  *   resampler.Process(&resampler, src, &inBytes, dst, &outBytes);    block after block
  *   resampler.Close(&resampler);
  *
- * Two flavours share the record: the plain one (Open, Reset, Process) and the multichannel one (MultiChannel_Open,
+ * Two variants share the record: the plain one (Open, Reset, Process) and the multichannel one (MultiChannel_Open,
  * MultiChannel_ResetBuffer, MultiChannel_Process), which wants equal channel counts. The record does not remember
- * which one opened it: use the operations of one flavour between an open and its Close. Close, SetParameter and
+ * which one opened it: use the operations of one variant between an open and its Close. Close, SetParameter and
  * GetParameter serve both.
  *
  * The caller owns the record and the sample blocks. The component owns two work buffers from open to Close (malloc and

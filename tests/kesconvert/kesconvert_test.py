@@ -55,8 +55,8 @@ class Kesconvert(unittest.TestCase):
         self.succeed("works.txt")
 
     def test_resamples_in_time(self):
-        """Length, place in time and level are exact, for each kind of samples and each flavour of the resampler."""
-        for in_rate, out_rate, sample_bytes, channels, frames, impulse, options, flavour in (
+        """Length, place in time and level are exact, for each kind of samples and each variant of the resampler."""
+        for in_rate, out_rate, sample_bytes, channels, frames, impulse, options, variant in (
                 (44100, 48000, 2, 2, 44100, 14700, "", "plain"),
                 (48000, 44100, 3, 2, 48001, 48000, "--multichannel", "multichannel"),
                 (48000, 16000, 4, 6, 5000, 0, "--block 7", "multichannel"),
@@ -72,7 +72,7 @@ class Kesconvert(unittest.TestCase):
                 (self.folder / "in").write_bytes(b"".join(rows))
                 code, says = self.run_shell(command)
                 self.assertEqual(code, 0, says)
-                self.assertIn(f"by the {flavour} resampler", says)
+                self.assertIn(f"by the {variant} resampler", says)
 
                 out = (self.folder / "out").read_bytes()
                 frame_bytes = channels * sample_bytes

@@ -5,8 +5,8 @@
 //
 // 76 taps (more by M / L where the rate falls) and a window of beta 13 lose 0.02 dB at 0.9 of the lower Nyquist
 // frequency, and let nothing through from 1.1 of it on that is not 126 dB down.
-#ifndef KESAUDIO_PLATFORM_HOST_PALIX_FILTER_H
-#define KESAUDIO_PLATFORM_HOST_PALIX_FILTER_H
+#ifndef KESAUDIO_HOST_RESAMPLER_FILTER_DESIGN_H
+#define KESAUDIO_HOST_RESAMPLER_FILTER_DESIGN_H
 
 #include <array>
 #include <cstddef>

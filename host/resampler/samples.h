@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The host resampler's samples: interleaved integers at its ends, planar float between them.
-#ifndef KESAUDIO_PLATFORM_HOST_PALIX_SAMPLES_H
-#define KESAUDIO_PLATFORM_HOST_PALIX_SAMPLES_H
+#ifndef KESAUDIO_HOST_RESAMPLER_SAMPLES_H
+#define KESAUDIO_HOST_RESAMPLER_SAMPLES_H
 
 #include <algorithm>
 #include <cmath>

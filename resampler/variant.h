@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two flavours of the resampler: what differs between them. All the rest is one body of code.
-#ifndef KESAUDIO_RESAMPLER_FLAVOUR_H
-#define KESAUDIO_RESAMPLER_FLAVOUR_H
+// The two variants of the resampler: what differs between them. All the rest is one body of code.
+#ifndef KESAUDIO_RESAMPLER_VARIANT_H
+#define KESAUDIO_RESAMPLER_VARIANT_H
 
 #include "platform/log.h"
 #include "platform/resampler_lib.h"
 
 namespace kesaudio::resampler {
 
-struct Flavour {
+struct Variant {
   // The operations' own names, as the log has them.
   const char *openName, *resetName, *processName;
   decltype(&Palix_GetBufferSize) getBufferSize;
@@ -17,16 +17,16 @@ struct Flavour {
   decltype(&Palix_Process) process;
 };
 
-inline constexpr Flavour kPlain = {"SrcOpen",  "SrcReset",  "SrcProcess", Palix_GetBufferSize,
+inline constexpr Variant kPlain = {"SrcOpen",  "SrcReset",  "SrcProcess", Palix_GetBufferSize,
                                    Palix_Open, Palix_Reset, Palix_Process};
-inline constexpr Flavour kMultiChannel = {
+inline constexpr Variant kMultiChannel = {
     "MultiChannel_Open",     "MultiChannel_ResetBuffer", "MultiChannel_Process",    Palix_MultiChannel_GetBufferSize,
     Palix_MultiChannel_Open, Palix_MultiChannel_Reset,   Palix_MultiChannel_Process};
 
 inline constexpr char kTag[] = "KesAudioSrcInC";  // of every log line
 
 // Converts a block, and aligns the first one (process.cpp).
-uint32_t process(KesAudioSrcInC* handle, const Flavour& flavour, const void* src, uint32_t* inBytes, void* dst,
+uint32_t process(KesAudioSrcInC* handle, const Variant& variant, const void* src, uint32_t* inBytes, void* dst,
                  uint32_t* outBytes);
 
 }  // namespace kesaudio::resampler

@@ -6,8 +6,8 @@
 //
 // A sum is made of 16 partial sums, number i of the products i, i + 16, ..., which are then added in halves: 8 to 8,
 // 4 to 4, 2 to 2, 1 to 1. So its bits do not depend on how many lanes a vector of the machine has.
-#ifndef KESAUDIO_PLATFORM_HOST_PALIX_CONVOLVE_H
-#define KESAUDIO_PLATFORM_HOST_PALIX_CONVOLVE_H
+#ifndef KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
+#define KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The resampler library for machines without the platform's: a polyphase windowed-sinc filter (palix_filter.h).
+// The resampler library for machines without the platform's: a polyphase windowed-sinc filter (filter_design.h).
 //
 // With L / M the ratio of the rates in lowest terms, output n stands at the input time n * M / L = i + p, 0 <= p < 1:
 //
@@ -7,7 +7,7 @@
 //
 // so it is made when in[i + taps / 2] has come: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
 //
-// Four outputs make a group (palix_convolve.h). They share a window of the history, which begins with the first
+// Four outputs make a group (polyphase.h). They share a window of the history, which begins with the first
 // one's; the rows of the others begin with a few zeros. There are L different p, so the groups recur after lcm(L, 4)
 // outputs. When these rows fit into the table, it holds them in the order of their use, and memory is read straight
 // on. Else (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at even distances of p, and
@@ -24,9 +24,9 @@
 #include <algorithm>
 #include <new>
 
-#include "platform/host/palix_convolve.h"
-#include "platform/host/palix_filter.h"
-#include "platform/host/palix_samples.h"
+#include "host/resampler/filter_design.h"
+#include "host/resampler/polyphase.h"
+#include "host/resampler/samples.h"
 #include "platform/resampler_lib.h"
 
 namespace {
