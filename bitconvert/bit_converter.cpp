@@ -2,37 +2,25 @@
 // The bit converter component: its record and states, in front of the platform's shifter and limiter.
 #include "kesaudio/bit_converter.h"
 
-#include <cstdlib>
-
+#include "base/work_buffers.h"
 #include "platform/limiter_lib.h"
 #include "platform/log.h"
 #include "platform/shifter_lib.h"
 
 namespace {
 
+using namespace kesaudio;
 using Record = KesAudioBitConverterC;
 
 constexpr char kTag[] = "KesAudioBitConverterc";  // of every log line
 
-void freeBuffers(Record* handle) {
-  std::free(handle->mpTempBuf);
-  std::free(handle->mpInternalBuf);
-  handle->mpTempBuf = handle->mpInternalBuf = nullptr;
-}
-
-// Obtains a buffer of the library's size: none for 0. False when out of memory.
-bool allocate(void** buffer, uint32_t bytes) {
-  if (bytes != 0) *buffer = std::malloc(bytes);
-  return bytes == 0 || *buffer;
-}
-
 bool setUpLimiter(Record* handle, const char* operation) {
   Limiter_GetBufferSize(&handle->mInternalBufSize, &handle->mTempBufSize, KES_CONVERT_LIMITER);
-  if (!allocate(&handle->mpInternalBuf, handle->mInternalBufSize)) {
+  if (!allocateBuffer(&handle->mpInternalBuf, handle->mInternalBufSize)) {
     __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpInternalBuf malloc failed\n", operation);
     return false;
   }
-  if (!allocate(&handle->mpTempBuf, handle->mTempBufSize)) {
+  if (!allocateBuffer(&handle->mpTempBuf, handle->mTempBufSize)) {
     __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpTempBuf malloc failed\n", operation);
     return false;
   }
@@ -48,7 +36,7 @@ uint32_t BitConvertionOpen(Record* handle, uint32_t sampleRate, uint32_t channel
   handle->mSampleRate = sampleRate;
   handle->mChannels = channels;
   handle->mConvertType = convertType;
-  handle->mpLimiter = nullptr;  // an earlier open's must not be taken for this one's
+  handle->mpLimiter = nullptr;  // the library may fail without storing an instance
   const bool limits = channels != 0 && sampleRate != 0 && convertType == KES_CONVERT_LIMITER;
   if (limits && !setUpLimiter(handle, __func__)) {
     freeBuffers(handle);
@@ -82,7 +70,7 @@ uint32_t BitConvertionSetParameter(Record* handle, int32_t paramID, uint32_t val
   }
 }
 
-// There is nothing to ask for: the caller can read the record. The codes are what callers have come to expect.
+// Stores nothing: the caller can read the record. Callers rely on the code of each ID.
 uint32_t BitConvertionGetParameter(Record* /*handle*/, int32_t paramID, void* value) {
   __android_log_print(KES_LOG_DEBUG, kTag, "+%s(), paramID %d, param %p\n", __func__, paramID, value);
   return paramID == 1 || paramID == 2 || paramID == 4 ? KES_OK : KES_BAD_PARAMETER;

@@ -22,7 +22,7 @@ uint32_t ChannelConverterSetParameter(Record* handle, int32_t paramID, uint32_t 
   return KES_OK;
 }
 
-// There is nothing to ask for: the caller can read the record.
+// Stores nothing: the caller can read the record.
 uint32_t ChannelConverterGetParameter(Record* /*handle*/, int32_t /*paramID*/, void* /*value*/) { return KES_OK; }
 
 uint32_t ChannelConverterReset(Record* handle) {

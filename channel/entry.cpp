@@ -6,19 +6,19 @@
 
 namespace {
 
-uint32_t quotient(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
+uint32_t divideOrZero(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
 
-// Rewrites the two counts and returns the input bytes to convert. Bytes per channel are the same on both sides
-// whatever the sample size, so the format cancels out. All of it wraps at 32 bits.
+// Rewrites the two counts and returns the input bytes to convert. Both sides have the same bytes per channel, so the
+// sample size cancels out. The arithmetic wraps at 32 bits.
 int32_t takeBytes(uint32_t inChannels, uint32_t outChannels, uint32_t* inBytes, uint32_t* outBytes) {
   const uint32_t available = *inBytes;
-  const uint32_t needed = quotient(available, inChannels) * outChannels;
+  const uint32_t needed = divideOrZero(available, inChannels) * outChannels;
   if (*outBytes >= needed) {
     *outBytes = needed;
     *inBytes = 0;
     return static_cast<int32_t>(available);
   }
-  const uint32_t taken = quotient(*outBytes, outChannels) * inChannels;
+  const uint32_t taken = divideOrZero(*outBytes, outChannels) * inChannels;
   *inBytes = available - taken;
   return static_cast<int32_t>(taken);
 }

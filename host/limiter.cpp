@@ -3,15 +3,14 @@
 // negative one's less one step of 16 bits, which reach that much further down), W the delay in frames plus one, and
 // gains in units of 2^-30:
 //
-//   needed[n]   = min(1, threshold / x[n])                             what frame n may be multiplied by
-//   least[n]    = min(needed[n - W + 1], ..., needed[n])               down at once when a peak comes into view
-//   released[n] = min(least[n], released[n - 1] towards 1)             and up slowly
+//   required[n] = min(1, threshold / x[n])                             gain that keeps frame n below the threshold
+//   held[n]     = min(required[n - W + 1], ..., required[n])           falls at once when a peak comes into view
+//   released[n] = min(held[n], released[n - 1] towards 1)              and rises slowly
 //   gain[n]     = mean(released[n - W + 1], ..., released[n])          in a straight line of W steps
 //   out[n]      = in[n - W + 1] * gain[n]
 //
-// For the W frames from n - W + 1 to n, least, and so released, is at most needed[n - W + 1]; their mean is, too. So
-// no output passes the threshold. Every gain is an integer rounded down, and exactly 1 where nothing is to be
-// limited.
+// For the W frames from n - W + 1 to n, held, and so released, is at most required[n - W + 1], and so is their mean:
+// no output passes the threshold. Every gain is an integer rounded down, and exactly 1 where nothing is limited.
 //
 // Internal buffer, from its first multiple of 8 bytes on: a Stream. There is no scratch.
 #include "platform/limiter_lib.h"
@@ -29,21 +28,20 @@ constexpr uint32_t kMaxDelay = LIMITER_DELAY_FRAMES(192000);
 struct Stream {
   uint32_t channels;
   uint32_t window;       // W
-  uint32_t releaseStep;  // of what is missing to unity, the part per frame in units of 2^-30
-  uint32_t at;           // where in the rings the next frame goes
+  uint32_t releaseStep;  // part of the distance to unity that a frame recovers, in units of 2^-30
+  uint32_t at;           // position of the next frame in the rings
   uint64_t frame;        // its number
 
-  // The last W of each, as rings.
+  // Rings of the last W frames.
   int32_t in[kMaxDelay + 1][2];
   int32_t released[kMaxDelay + 1];
   int64_t sum;  // of released
 
-  // The frames of the window that can still become the least: ever later and greater ones, first is the least. Also a
-  // ring, from `first` on.
-  struct Needed {
+  // Monotonic queue for the sliding-window minimum: frames and gains ascend, the first is the minimum. A ring too.
+  struct QueuedGain {
     uint64_t frame;
     int32_t gain;
-  } candidates[kMaxDelay + 1];
+  } minQueue[kMaxDelay + 1];
   uint32_t first, count;
 };
 
@@ -53,7 +51,7 @@ Stream* alignUp(void* internal) {
                                    kAlignment);
 }
 
-void rewind(Stream& s) {
+void reset(Stream& s) {
   std::memset(s.in, 0, sizeof s.in);
   std::fill_n(s.released, s.window, kUnity);
   s.sum = int64_t{kUnity} * s.window;
@@ -66,32 +64,32 @@ uint32_t magnitude(int32_t sample) {
   return sample >= 0 ? bits : std::max(0 - bits, kStep) - kStep;
 }
 
-// The least gain that the window's frames need, with one more frame in it.
-int32_t leastWith(Stream& s, int32_t needed) {
-  const auto at = [&](uint32_t i) -> Stream::Needed& { return s.candidates[(s.first + i) % s.window]; };
+// Adds a frame's gain to the window and returns the window's minimum.
+int32_t pushAndMin(Stream& s, int32_t required) {
+  const auto at = [&](uint32_t i) -> Stream::QueuedGain& { return s.minQueue[(s.first + i) % s.window]; };
   if (s.count > 0 && at(0).frame + s.window <= s.frame) {
     s.first = (s.first + 1) % s.window;
     --s.count;
   }
-  while (s.count > 0 && at(s.count - 1).gain >= needed) --s.count;
-  at(s.count++) = {s.frame++, needed};
+  while (s.count > 0 && at(s.count - 1).gain >= required) --s.count;
+  at(s.count++) = {s.frame++, required};
   return at(0).gain;
 }
 
-// The gain of the frame that leaves the window, as one comes in whose greater magnitude is x.
-int32_t gainWith(Stream& s, uint32_t x) {
-  const int32_t needed = x <= kThreshold ? kUnity : static_cast<int32_t>((uint64_t{kThreshold} << 30) / x);
-  const int32_t least = leastWith(s, needed);
+// Gain of the frame that leaves the window when one of magnitude x comes in.
+int32_t nextGain(Stream& s, uint32_t x) {
+  const int32_t required = x <= kThreshold ? kUnity : static_cast<int32_t>((uint64_t{kThreshold} << 30) / x);
+  const int32_t held = pushAndMin(s, required);
   const int32_t before = s.released[s.at == 0 ? s.window - 1 : s.at - 1];
   const int64_t missing = kUnity - before;
   const auto risen = static_cast<int32_t>(before + ((missing * s.releaseStep + kUnity - 1) >> 30));
-  const int32_t released = std::min(least, risen);
+  const int32_t released = std::min(held, risen);
   s.sum += released - s.released[s.at];
   s.released[s.at] = released;
   return static_cast<int32_t>(s.sum / s.window);
 }
 
-// To the nearest of 16 bits, ties to even.
+// Rounds to 16 bits, ties to even.
 int16_t outputOf(int32_t sample, int32_t gain) {
   constexpr int kShift = 30 + 9;
   const int64_t product = int64_t{sample} * gain;
@@ -114,13 +112,13 @@ int32_t Limiter_Open(void** instance, void* internal, LimiterParam* param) {
   s->channels = param->channels;
   s->window = LIMITER_DELAY_FRAMES(param->sampleRate) + 1;
   s->releaseStep = static_cast<uint32_t>(kUnity / (uint64_t{param->sampleRate} * 80 / 1000 + 1));
-  rewind(*s);
+  reset(*s);
   *instance = s;
   return LIMITER_OK;
 }
 
 int32_t Limiter_Reset(void* instance) {
-  rewind(*static_cast<Stream*>(instance));
+  reset(*static_cast<Stream*>(instance));
   return LIMITER_OK;
 }
 
@@ -134,7 +132,7 @@ int32_t Limiter_Process(void* instance, void* /*scratch*/, const void* src, uint
   for (uint32_t f = 0; f < frames; ++f, from += inFrameBytes, to += outFrameBytes) {
     int32_t frame[2] = {};
     std::memcpy(frame, from, inFrameBytes);
-    const int32_t gain = gainWith(s, std::max(magnitude(frame[0]), magnitude(frame[1])));
+    const int32_t gain = nextGain(s, std::max(magnitude(frame[0]), magnitude(frame[1])));
     std::memcpy(s.in[s.at], frame, sizeof frame);
     s.at = s.at + 1 == s.window ? 0 : s.at + 1;
     const int16_t out[2] = {outputOf(s.in[s.at][0], gain), outputOf(s.in[s.at][1], gain)};

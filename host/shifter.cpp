@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The shifter library for machines without the platform's. A vector of samples at a time is read into 32-bit lanes,
-// moved by the difference of the full scales, and written.
-// A rest goes the same way through a copy, so that not a byte outside the blocks is touched.
+// The shifter library for machines without the platform's: loads a vector of samples into 32-bit lanes, shifts them
+// from one full scale to the other, and stores them. The tail goes through a copy, so that not a byte outside the
+// blocks is touched.
 #include "platform/shifter_lib.h"
 
 #include <algorithm>
@@ -43,31 +43,31 @@ void storeLanes(Byte* dst, I32x x) {
 
 // ---- from one full scale to another
 
-// Highest first: x is at most it, and at least its complement.
-I32x clamped(I32x x, int32_t highest) {
+// Limits x to -highest - 1 .. highest.
+I32x clamp(I32x x, int32_t highest) {
   const I32x high = I32x{} + highest, low = ~high;
   x = x > high ? high : x;
   return x < low ? low : x;
 }
 
-// The integer nearest to x / 2^bits, of two the even one.
+// x / 2^kBits to the nearest integer, ties to even.
 template <int kBits>
-I32x rounded(I32x x) {
+I32x roundToEven(I32x x) {
   const I32x below = x >> kBits, rest = x & ((1 << kBits) - 1);
   return below + ((rest + (below & 1) + ((1 << (kBits - 1)) - 1)) >> kBits);
 }
 
-// A sample from one format to another: fullScaleBits and rangeBits are the powers of 2 that its values stay below.
+// Converts samples between formats: full scale is 2^kFullScaleBits, and values stay below 2^kRangeBits.
 template <class From, class To>
-I32x moved(I32x x) {
+I32x rescale(I32x x) {
   constexpr int kUp = To::kFullScaleBits - From::kFullScaleBits;
   constexpr auto kHighest = static_cast<int32_t>((uint32_t{1} << To::kRangeBits) - 1);
   if constexpr (kUp < 0) {
-    x = rounded<-kUp>(x);
-    return From::kRangeBits + kUp >= To::kRangeBits ? clamped(x, kHighest) : x;
+    x = roundToEven<-kUp>(x);
+    return From::kRangeBits + kUp >= To::kRangeBits ? clamp(x, kHighest) : x;
   } else if constexpr (From::kRangeBits + kUp > To::kRangeBits) {
-    constexpr int32_t kLast = kHighest >> kUp;  // that can be shifted; from the next one on the result is the highest
-    return x > kLast ? I32x{} + kHighest : clamped(x, kLast) << kUp;
+    constexpr int32_t kLast = kHighest >> kUp;  // the greatest that can be shifted; beyond it the result is kHighest
+    return x > kLast ? I32x{} + kHighest : clamp(x, kLast) << kUp;
   } else {
     return x << kUp;
   }
@@ -90,12 +90,12 @@ using S24 = Format<kesaudio::S24, 23>;
 
 template <class From, class To>
 void convertLanes(const Byte* src, Byte* dst) {
-  storeLanes<typename To::Sample>(dst, moved<From, To>(loadLanes<typename From::Sample>(src)));
+  storeLanes<typename To::Sample>(dst, rescale<From, To>(loadLanes<typename From::Sample>(src)));
 }
 
 template <class From, class To>
 void convert(const Byte* src, Byte* dst, uint32_t samples) {
-  // Behind a vector of packed samples there must be 4 bytes.
+  // A vector of packed samples touches 4 bytes behind it.
   constexpr uint32_t kBehind = From::kBytes == 3 || To::kBytes == 3 ? 2 : 0;
   for (; samples >= kLanes + kBehind; samples -= kLanes, src += kLanes * From::kBytes, dst += kLanes * To::kBytes)
     convertLanes<From, To>(src, dst);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Processing a block, and the alignment of the first one: the library's output, shorter than the input converted to
-// the output rate by its latency, is moved behind zeros so that the stream keeps its time.
+// Processing a block, and aligning the first one: the library's latency makes its first output too short, so zeros
+// are put in front until it is as long as the input at the output rate.
 //
 //   expected = bytes * outSampleRate * outChannels / (inChannels * inSampleRate)    in whole output frames
 //
-// where bytes are the input's at the output's sample width. All of it is 32-bit unsigned and wraps; x / 0 is 0.
+// with the input's bytes as samples of the output's width. The arithmetic is 32-bit unsigned and wraps; x / 0 is 0.
 #include <cstdlib>
 #include <cstring>
 
@@ -13,7 +13,7 @@
 namespace kesaudio::resampler {
 namespace {
 
-uint32_t quotient(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
+uint32_t divideOrZero(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
 
 uint32_t outputFrameBytes(const SrcParam& param) {
   switch (param.format) {
@@ -29,13 +29,13 @@ uint32_t outputFrameBytes(const SrcParam& param) {
 uint32_t expectedBytes(const SrcParam& param, uint32_t inBytes) {
   const uint32_t bytes = param.format == KES_RESAMPLER_S16_TO_S32 ? 2 * inBytes : inBytes;
   const uint32_t expected =
-      quotient(bytes * param.outSampleRate * param.outChannels, param.inChannels * param.inSampleRate);
+      divideOrZero(bytes * param.outSampleRate * param.outChannels, param.inChannels * param.inSampleRate);
   const uint32_t frameBytes = outputFrameBytes(param);
-  const uint32_t whole = quotient(expected, frameBytes) * frameBytes;
+  const uint32_t whole = divideOrZero(expected, frameBytes) * frameBytes;
   return whole == expected ? expected : whole + frameBytes;
 }
 
-// Moves the madeBytes of dst to the end of its first expectedBytes, behind zeros. False when out of memory.
+// Moves the first madeBytes of dst to the end of its first expectedBytes, behind zeros. False when out of memory.
 bool moveBehindZeros(void* dst, uint32_t madeBytes, uint32_t expectedBytes) {
   auto* aligned = static_cast<unsigned char*>(std::malloc(expectedBytes));
   if (!aligned) return false;

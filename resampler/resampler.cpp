@@ -2,28 +2,16 @@
 // The resampler component: its record, states and parameters, and the library's buffers.
 #include "kesaudio/resampler.h"
 
-#include <cstdlib>
-
+#include "base/work_buffers.h"
 #include "resampler/variant.h"
 
 namespace {
 
+using namespace kesaudio;
 using namespace kesaudio::resampler;
 using Record = KesAudioSrcInC;
 
 // ---- what the variants share
-
-void freeBuffers(Record* handle) {
-  std::free(handle->mpTempBuf);
-  std::free(handle->mpInternalBuf);
-  handle->mpTempBuf = handle->mpInternalBuf = nullptr;
-}
-
-// Obtains a buffer of the library's size: none for 0. False when out of memory.
-bool allocate(void** buffer, uint32_t bytes) {
-  if (bytes != 0) *buffer = std::malloc(bytes);
-  return bytes == 0 || *buffer;
-}
 
 bool prepareLibrary(Record* handle, const Variant& variant) {
   const int32_t result = variant.getBufferSize(&handle->mInternalBufSize, &handle->mTempBufSize, &handle->mParam);
@@ -31,15 +19,15 @@ bool prepareLibrary(Record* handle, const Variant& variant) {
     __android_log_print(KES_LOG_DEBUG, kTag, "Palix_GetBufferSize return err %d\n", result);
     return false;
   }
-  if (!allocate(&handle->mpInternalBuf, handle->mInternalBufSize)) {
+  if (!allocateBuffer(&handle->mpInternalBuf, handle->mInternalBufSize)) {
     __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpInternalBuf malloc failed\n", variant.openName);
     return false;
   }
-  if (!allocate(&handle->mpTempBuf, handle->mTempBufSize)) {
+  if (!allocateBuffer(&handle->mpTempBuf, handle->mTempBufSize)) {
     __android_log_print(KES_LOG_DEBUG, kTag, "%s() mpTempBuf malloc failed\n", variant.openName);
     return false;
   }
-  handle->mpResampler = nullptr;  // an earlier open's must not be taken for this one's
+  handle->mpResampler = nullptr;  // the library may fail without storing an instance
   variant.open(&handle->mpResampler, handle->mpInternalBuf, &handle->mParam);
   return true;
 }
@@ -62,7 +50,7 @@ uint32_t reset(Record* handle, const Variant& variant) {
   return KES_OK;
 }
 
-// The field of a set ID; null for any other.
+// The field that an even ID sets; null for any other ID.
 uint32_t* fieldOf(SrcParam& param, int32_t paramID) {
   switch (paramID) {
     case KES_RESAMPLER_PARAM_FORMAT: return &param.format;
@@ -94,7 +82,7 @@ uint32_t SrcSetParameter(Record* handle, int32_t paramID, uint32_t value) {
 
 uint32_t SrcGetParameter(Record* handle, int32_t paramID) {
   __android_log_print(KES_LOG_DEBUG, kTag, "+%s(), paramID %d\n", __func__, paramID);
-  // Odd IDs only; unsigned, since the ID below INT32_MIN is no number.
+  // Each field is read by the ID after its own. Unsigned: INT32_MIN - 1 would overflow.
   const uint32_t* const field = fieldOf(handle->mParam, static_cast<int32_t>(static_cast<uint32_t>(paramID) - 1));
   if (!field) return KES_BAD_PARAMETER;
   __android_log_print(KES_LOG_DEBUG, kTag, "-%s(), paramID %d, param 0x%x\n", __func__, paramID, *field);

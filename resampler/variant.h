@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The two variants of the resampler: what differs between them. All the rest is one body of code.
+// Function table of the plain or the multichannel library calls; the code over it is shared.
 #ifndef KESAUDIO_RESAMPLER_VARIANT_H
 #define KESAUDIO_RESAMPLER_VARIANT_H
 
@@ -9,7 +9,7 @@
 namespace kesaudio::resampler {
 
 struct Variant {
-  // The operations' own names, as the log has them.
+  // Names of the operations in the log.
   const char *openName, *resetName, *processName;
   decltype(&Palix_GetBufferSize) getBufferSize;
   decltype(&Palix_Open) open;

@@ -5,7 +5,7 @@
 //
 //   out[n] = sum over k of in[i + k - (taps / 2 - 1)] * h(k - (taps / 2 - 1) - p)
 //
-// so it is made when in[i + taps / 2] has come: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
+// so it is output when in[i + taps / 2] has come: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
 //
 // Four outputs make a group (polyphase.h). They share a window of the history, which begins with the first
 // one's; the rows of the others begin with a few zeros. There are L different p, so the groups recur after lcm(L, 4)
@@ -15,11 +15,11 @@
 //
 // Internal buffer, from its first multiple of 64 bytes on:
 //   Stream     state, see there
-//   work       a double for each of maxTaps
+//   kernelScratch       a double for each of maxTaps
 //   table      tableFloats(maxTaps)
 //   history    per channel historyFloats(maxTaps): input frames, from maxTaps / 2 - 1 before the group's first on
 // Scratch buffer, likewise:
-//   made       per channel kMadeFloats: output frames
+//   output     per channel kOutputFloats: output frames
 //   rows       interpolated, of a group
 #include <algorithm>
 #include <new>
@@ -34,9 +34,9 @@ namespace {
 using namespace palix;
 
 constexpr uint32_t kMinRate = 4000, kMaxRate = 768000, kMaxChannels = 8;
-constexpr uint32_t kBlockFrames = 1024;                      // taken or made at a time
-constexpr uint32_t kMadeFloats = kBlockFrames + 2 * kGroup;  // with the rest of the first and of the last group
-constexpr uint32_t kRowsPerPeriod = 64;                      // of the lower rate, where rows are interpolated
+constexpr uint32_t kBlockFrames = 1024;                        // taken or output at a time
+constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kGroup;  // with the rest of the first and of the last group
+constexpr uint32_t kRowsPerPeriod = 64;                        // of the lower rate, where rows are interpolated
 constexpr size_t kAlignment = 64;
 
 // Tables in the order of use are for the common pairs of rates (48 to 44.1 kHz: 588 rows of 96 floats). Where they
@@ -49,7 +49,7 @@ constexpr size_t rowsFloats(uint32_t maxTaps) { return kGroup * 2 * size_t{maxTa
 
 struct Stream {
   SrcParam param;
-  uint32_t maxTaps;  // that there is room for: twice as many as at open
+  uint32_t maxTaps;  // room for twice the taps at open
   Ratio ratio;
   bool interpolates;
 
@@ -61,7 +61,7 @@ struct Stream {
   uint32_t done;    // outputs of the group that were made
 
   size_t filled;  // frames in the history
-  double* work;
+  double* kernelScratch;
   float* table;
   float* history;
 };
@@ -82,13 +82,13 @@ uint32_t quotientUp(uint64_t dividend, uint32_t divisor) {
   return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
 }
 
-// How far the window of a group's last output can be ahead of the first's; the same for all ratios of a bandwidth.
-uint32_t spread(const Ratio& ratio) {
+// Input frames from the window of a group's first output to the last one's, at most; depends on the bandwidth alone.
+uint32_t maxPhaseOffset(const Ratio& ratio) {
   return quotientUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
 }
 
-// Of a row in a group: its taps, behind as many zeros as its window is ahead of the group's.
-uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + spread(ratio), kLanes); }
+// Floats of a row: its taps, behind a zero for each input frame that its window is ahead of the group's.
+uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
 
 // A period of the lower rate is M / L input frames, when that is the output's.
 uint32_t rowsPerInputFrame(const Ratio& ratio) {
@@ -101,22 +101,22 @@ void buildTable(Stream& s) {
   const auto [L, M] = s.ratio;
   const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
   const uint32_t rows = s.interpolates ? rowsPerFrame + 3 : groupsInTable(s.ratio) * kGroup;
-  // An interpolated row is read from up to so many zeros before it on; the others find them in their predecessor.
-  const uint32_t before = s.interpolates ? spread(s.ratio) : 0;
+  // Zeros before the first row: interpolation reads up to maxPhaseOffset() floats ahead of a row.
+  const uint32_t before = s.interpolates ? maxPhaseOffset(s.ratio) : 0;
   std::fill_n(s.table, before + rows * size_t{floats}, 0.0f);
   uint64_t phase = 0;  // from the group's first frame on
   for (uint32_t row = 0; row < rows; ++row) {
     float* const to = s.table + before + row * size_t{floats};
     if (s.interpolates) {  // from one row before the frame to one behind it
-      makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.work);
+      makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.kernelScratch);
     } else {
-      makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.work);
+      makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.kernelScratch);
       phase = (row + 1) % kGroup == 0 ? (phase + M) % L : phase + M;
     }
   }
 }
 
-// So many outputs on, from one phase / L behind an input frame to another.
+// Advances (frame, phase) by a fixed number of outputs.
 struct Step {
   uint32_t L, frames, phases;
 
@@ -133,10 +133,10 @@ struct Step {
   }
 };
 
-// The rows of the stream's group, each by the cubic through the four of the table around it.
+// Interpolates the group's rows, each by the cubic through the four rows of the table around it.
 void interpolateRows(const Stream& s, float* rows) {
   const uint32_t floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
-  const float* const table = s.table + spread(s.ratio);
+  const float* const table = s.table + maxPhaseOffset(s.ratio);
   const double rowsPerPhase = static_cast<double>(rowsPerFrame) / s.ratio.L;
   const Step step(s.ratio, 1);
   size_t frame = 0;
@@ -161,21 +161,21 @@ T* alignUp(T* pointer) {
   return reinterpret_cast<T*>(alignUp(reinterpret_cast<uintptr_t>(pointer)));
 }
 
-// Where the parts of the internal buffer are, in bytes from the first aligned one.
+// Offsets of the internal buffer's parts, in bytes from its first aligned one.
 struct Layout {
-  size_t work, table, history, end;
+  size_t kernelScratch, table, history, end;
 
   Layout(uint32_t maxTaps, uint32_t channels)
-      : work(alignUp(sizeof(Stream))),
-        table(work + alignUp(maxTaps * sizeof(double))),
+      : kernelScratch(alignUp(sizeof(Stream))),
+        table(kernelScratch + alignUp(maxTaps * sizeof(double))),
         history(table + alignUp(tableFloats(maxTaps) * sizeof(float))),
         end(history + channels * historyFloats(maxTaps) * sizeof(float)) {}
 };
 
 uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
 
-// Takes up an output rate, with the next output the first of a group and p behind its input frame. The table is made
-// anew only when it is another: rows to interpolate between depend on the bandwidth alone.
+// Changes the output rate; the next output begins a group, p behind its input frame. Rebuilds the table only when it
+// differs: rows to interpolate between depend on the bandwidth alone.
 void setRate(Stream& s, uint32_t outRate, double p) {
   const Ratio old = s.ratio;
   const bool interpolated = s.interpolates;
@@ -190,8 +190,8 @@ void setRate(Stream& s, uint32_t outRate, double p) {
   if (!isSame || s.interpolates != interpolated) buildTable(s);
 }
 
-// Silence before, and the first output on the first input frame.
-void rewind(Stream& s) {
+// Fills the history with silence and puts the first output on the first input frame.
+void reset(Stream& s) {
   std::fill_n(s.history, s.param.inChannels * historyFloats(s.maxTaps), 0.0f);
   s.filled = s.centre = s.maxTaps / 2 - 1;
   setRate(s, s.param.outSampleRate, 0);
@@ -199,9 +199,9 @@ void rewind(Stream& s) {
 
 // ---- making output
 
-// Makes the group's outputs that are still to be made, and those of further groups, frames in all. made gets whole
-// groups, so that the first frame is at made + s.done.
-void filter(Stream& s, float* made, float* rows, uint32_t frames) {
+// Makes `frames` outputs: the rest of the group, then further groups. Groups are written whole, so the first of the
+// outputs is at output + s.done.
+void filter(Stream& s, float* output, float* rows, uint32_t frames) {
   const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), channels = s.param.inChannels;
   const size_t stride = historyFloats(s.maxTaps);
   const Step step(s.ratio, kGroup);
@@ -212,7 +212,7 @@ void filter(Stream& s, float* made, float* rows, uint32_t frames) {
     const float* history = s.history + s.centre - (taps / 2 - 1);
     for (uint32_t c = 0; c < channels; c += 2) {
       const auto together = c + 1 < channels ? convolve<2> : convolve<1>;
-      together(from, floats, history + c * stride, stride, made + c * kMadeFloats + begin, kMadeFloats);
+      together(from, floats, history + c * stride, stride, output + c * kOutputFloats + begin, kOutputFloats);
     }
     s.done = std::min(end - begin, kGroup);
     if (s.done < kGroup) break;
@@ -222,10 +222,10 @@ void filter(Stream& s, float* made, float* rows, uint32_t frames) {
   }
 }
 
-// The input frame that an output of the group, or after it, stands at or behind.
+// Input frame at or before an output, counted from the group's first.
 uint64_t frameOf(const Stream& s, uint64_t output) { return s.centre + (s.phase + output * s.ratio.M) / s.ratio.L; }
 
-// How many outputs, from the next one on, the history is enough for.
+// Outputs that the history suffices for.
 uint64_t outputsPossible(const Stream& s) {
   const size_t lookahead = s.ratio.taps() / 2;
   if (s.filled <= frameOf(s, s.done) + lookahead) return 0;
@@ -253,13 +253,13 @@ void process(Stream& s, float* scratch, const unsigned char* src, uint32_t* inBy
   for (;;) {
     const uint32_t done = s.done;
     if (const auto frames = static_cast<uint32_t>(std::min<uint64_t>({outputsPossible(s), room, kBlockFrames}))) {
-      filter(s, scratch, scratch + channels * kMadeFloats, frames);
-      interleave<Out>(scratch + done, kMadeFloats, gain, channels, frames, dst);
+      filter(s, scratch, scratch + channels * kOutputFloats, frames);
+      interleave<Out>(scratch + done, kOutputFloats, gain, channels, frames, dst);
       dst += frames * outFrameBytes;
       room -= frames;
       continue;
     }
-    // As much as makes the outputs possible that there is room for, or without any, as makes none possible.
+    // Takes the input that the outputs with room need; without room, as much as makes no output possible.
     const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : frameOf(s, done);
     const uint64_t most = last + s.ratio.taps() / 2;
     const size_t taken = std::min<uint64_t>({offered, most - std::min<uint64_t>(most, s.filled), kBlockFrames});
@@ -282,8 +282,8 @@ int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, Src
   const uint32_t maxTaps = maxTapsOf(*param);
   const size_t alignment = kAlignment - 1;
   *internalBytes = static_cast<uint32_t>(alignment + Layout(maxTaps, param->inChannels).end);
-  *scratchBytes = static_cast<uint32_t>(alignment + (param->inChannels * size_t{kMadeFloats} + rowsFloats(maxTaps)) *
-                                                        sizeof(float));
+  *scratchBytes = static_cast<uint32_t>(
+      alignment + (param->inChannels * size_t{kOutputFloats} + rowsFloats(maxTaps)) * sizeof(float));
   return PALIX_OK;
 }
 
@@ -295,10 +295,10 @@ int32_t Palix_Open(void** instance, void* internal, SrcParam* param) {
   auto* const s = new (memory) Stream{};
   s->param = *param;
   s->maxTaps = maxTaps;
-  s->work = reinterpret_cast<double*>(memory + layout.work);
+  s->kernelScratch = reinterpret_cast<double*>(memory + layout.kernelScratch);
   s->table = reinterpret_cast<float*>(memory + layout.table);
   s->history = reinterpret_cast<float*>(memory + layout.history);
-  rewind(*s);
+  reset(*s);
   *instance = s;
   return PALIX_OK;
 }
@@ -315,7 +315,7 @@ int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate) {
 }
 
 int32_t Palix_Reset(void* instance) {
-  rewind(*static_cast<Stream*>(instance));
+  reset(*static_cast<Stream*>(instance));
   return PALIX_OK;
 }
 

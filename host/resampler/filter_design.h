@@ -67,17 +67,17 @@ inline double kaiser(double x) {
 }
 
 // The taps of an output that stands p behind the input frame taps / 2 - 1, 0 <= p <= 1. They sum to one, so that a
-// constant stays as it is. work holds as many numbers as row.
-inline void makeRow(float* row, uint32_t taps, double bandwidth, double p, double* work) {
+// constant stays as it is. scratch holds as many numbers as row.
+inline void makeRow(float* row, uint32_t taps, double bandwidth, double p, double* scratch) {
   constexpr double kCutoff = 0.98;  // of the lower Nyquist frequency, where the loss is 6 dB
   const double first = -p - (taps / 2 - 1);
   double sum = 0;
   for (uint32_t k = 0; k < taps; ++k) {
     const double t = first + k;
-    work[k] = sinc(kCutoff * bandwidth * t) * kaiser(2 * t / taps);
+    scratch[k] = sinc(kCutoff * bandwidth * t) * kaiser(2 * t / taps);
   }
-  for (uint32_t k = 0; k < taps; ++k) sum += work[k];
-  for (uint32_t k = 0; k < taps; ++k) row[k] = static_cast<float>(work[k] / sum);
+  for (uint32_t k = 0; k < taps; ++k) sum += scratch[k];
+  for (uint32_t k = 0; k < taps; ++k) row[k] = static_cast<float>(scratch[k] / sum);
 }
 
 }  // namespace palix

@@ -39,7 +39,7 @@ inline Vector load(const float* from) {
   return v;
 }
 
-// The weighted sum of four rows, one row so many floats behind the other, a multiple of 16.
+// Weighted sum of four rows, `floats` apart, a multiple of 16.
 inline void blend(const float* rows, size_t floats, const float (&weights)[4], float* sum) {
   for (size_t k = 0; k < floats; k += kVectorLanes) {
     const Vector outer = weights[0] * load(rows + k) + weights[3] * load(rows + 3 * floats + k);
@@ -58,7 +58,7 @@ template <uint32_t kCount, class Body>
   (std::make_integer_sequence<uint32_t, kCount>());
 }
 
-// Of two vectors in blocks of kBlock lanes: the first half of every block plus its second half.
+// Adds the halves of every block of kBlock lanes, a's blocks first.
 template <uint32_t kBlock>
 [[gnu::always_inline]] inline Vector addHalves(Vector a, Vector b) {
   constexpr uint32_t kHalf = kBlock / 2;
@@ -69,7 +69,7 @@ template <uint32_t kBlock>
   (std::make_integer_sequence<uint32_t, kVectorLanes>());
 }
 
-// The totals of the vectors' blocks, to as many floats as all of the vectors have lanes in the end.
+// Sums each block of kBlock lanes of the vectors into one float.
 template <uint32_t kBlock, uint32_t kCount>
 [[gnu::always_inline]] inline void totals(const Vector (&sums)[kCount], float* results) {
   if constexpr (kBlock == 1) {
@@ -83,14 +83,14 @@ template <uint32_t kBlock, uint32_t kCount>
   }
 }
 
-// kChannels channels of a group; one row, history or output lies that many floats behind the other.
+// Convolves a group for kChannels channels; rows, histories and outputs lie width, historyFloats and outFloats apart.
 template <uint32_t kChannels>
 void convolve(const float* rows, uint32_t width, const float* history, size_t historyFloats, float* out,
               size_t outFloats) {
   constexpr uint32_t kSums = kChannels * kGroup;
   Vector sums[kVectors][kSums];
   unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
-    // One vector's lanes after the other, since the registers hold no more sums.
+    // One vector's lanes after the other: the registers hold no more sums.
     Vector lanes[kSums] = {};
     for (uint32_t k = v * kVectorLanes; k < width; k += kLanes) {
       unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {

@@ -16,7 +16,7 @@ inline float rounded(float value) {
   return std::abs(value) < 0x1p23f ? (value + offset) - offset : value;
 }
 
-// Rounded, and within the range of a sample.
+// Rounds and limits to the range of the sample.
 inline int16_t sampleOf(float value, int16_t) {
   return static_cast<int16_t>(rounded(std::min(std::max(value, -32768.0f), 32767.0f)));
 }
@@ -26,7 +26,7 @@ inline int32_t sampleOf(float value, int32_t) {
   return value > kHighest ? INT32_MAX : inside;
 }
 
-// Calls body(std::integral_constant<uint32_t, count>), for the compiler to know the count, 1 to 8.
+// Calls body with the channel count, 1 to 8, as a compile-time constant.
 template <class Body>
 void withChannels(uint32_t count, Body body) {
   [&]<uint32_t... kCount>(std::integer_sequence<uint32_t, kCount...>) {
@@ -35,7 +35,7 @@ void withChannels(uint32_t count, Body body) {
   (std::make_integer_sequence<uint32_t, 8>());
 }
 
-// Both work in two steps, with a few frames between them, since compilers make vector code of each but not of both.
+// Two passes over a few frames: compilers vectorize each of them, but not both in one.
 constexpr size_t kStepFrames = 64;
 
 // frames of src to planes[c * planeFloats ...].
