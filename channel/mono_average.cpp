@@ -60,11 +60,9 @@ struct AverageOfTwo {
   explicit AverageOfTwo(const MixCall&) {}
   static constexpr std::ptrdiff_t in(int32_t = 0) { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
-    unrolled<2>([&](auto i) KESAUDIO_INLINED {
-      Samples<Format> left, right;
-      loadSides(src + i * 2 * kVectorBytes, left, right);
-      store(dst + i * kVectorBytes, inOrder(averageOfTwo(left, right)));
-    });
+    Samples<Format> left[2], right[2];
+    for (int i = 0; i < 2; ++i) loadSides(src + 2 * i * kVectorBytes, left[i], right[i]);
+    for (int i = 0; i < 2; ++i) store(dst + i * kVectorBytes, inOrder(averageOfTwo(left[i], right[i])));
   }
 };
 
