@@ -7,8 +7,8 @@
 
 namespace kesaudio {
 
-// Loads 16 bytes a block, of which the four samples from byte `at` on are taken; those from number `count` on are
-// silent. at <= 4, or less by 3 for each silent one.
+// Loads 16 bytes a block and takes the four samples from byte `at` on, silent ones from number `count` on. at is at
+// most 4, plus 3 for each silent sample.
 struct PackedLoader {
   U8x table;
   int at, count;
@@ -16,9 +16,9 @@ struct PackedLoader {
   KESAUDIO_INLINE explicit PackedLoader(int first, int samples = 4) : at(first), count(samples) {
     // A lane gets its sample in the upper three bytes, to be shifted down; the lowest is whatever it is.
     static constexpr Byte kTable[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
-    table = (loadToEach(kTable) + static_cast<Byte>(at)) | (U8x)(laneNumbers() >= count);
+    table = (broadcastLoad(kTable) + static_cast<Byte>(at)) | (U8x)(laneNumbers() >= count);
   }
-  // Still to be shifted right by 8.
+  // Returns each sample times 256, plus a low byte of no meaning.
   KESAUDIO_INLINE I32x loadHigh(const Byte* p, std::ptrdiff_t second) const {
     if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, second), table);
     I32x x = {};
@@ -34,7 +34,7 @@ KESAUDIO_INLINE I32x loadPacked24(const Byte* p) { return PackedLoader(0).loadHi
 // The lower three bytes of each lane, in the first 12 bytes of each block.
 KESAUDIO_INLINE U8x packed24(I32x x) {
   static constexpr Byte kTable[16] = {0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 255, 255, 255, 255};
-  return permute((U8x)x, loadToEach(kTable));
+  return permute((U8x)x, broadcastLoad(kTable));
 }
 
 // Four samples a block to 12 bytes each. Writes up to 4 bytes beyond the last one.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Vectors of integer lanes on 64-bit Arm (NEON) and x86-64 (SSE2, SSE4.1, AVX2). Lanes are added, subtracted, shifted
 // and compared by the compilers' operators; simd_neon.h and simd_x86.h hold every other operation, under one name on
-// both machines, and nothing else in the tree asks which machine it is.
+// both machines; elsewhere only kBlocks, kHasByteShuffle and kHasSaturatingAdd32 tell machines apart.
 //
 // A vector is kBlocks blocks of 16 bytes: one, or with AVX2 two. AVX2 shuffles inside a block only, so the blocks go
 // side by side through different frames: shuffles, zips and narrowing below work on each block for itself.
@@ -15,12 +15,6 @@
 
 #include "base/sample_format.h"
 
-#if defined(__AVX2__)
-#define KESAUDIO_BLOCKS 2
-#else
-#define KESAUDIO_BLOCKS 1
-#endif
-
 // Vectors pass between functions of one file only, so no other object can disagree about how.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
@@ -30,7 +24,12 @@
 
 namespace kesaudio {
 
-inline constexpr int kBlocks = KESAUDIO_BLOCKS, kVectorBytes = 16 * kBlocks;
+#if defined(__AVX2__)
+inline constexpr int kBlocks = 2;
+#else
+inline constexpr int kBlocks = 1;
+#endif
+inline constexpr int kVectorBytes = 16 * kBlocks;
 
 typedef std::uint8_t U8x __attribute__((vector_size(kVectorBytes)));
 typedef std::int16_t I16x __attribute__((vector_size(kVectorBytes)));

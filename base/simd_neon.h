@@ -24,20 +24,20 @@ KESAUDIO_INLINE void storeBlocks(Byte* p, std::ptrdiff_t /*second*/, Vector x) {
 }
 
 // 16 bytes from p in every block.
-KESAUDIO_INLINE U8x loadToEach(const Byte* p) { return (U8x)vld1q_u8(p); }
+KESAUDIO_INLINE U8x broadcastLoad(const Byte* p) { return (U8x)vld1q_u8(p); }
 
 // TBL: byte table[i] of the block, 0 where the table has 128 or more.
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16_t)x, (uint8x16_t)table); }
 
-// Windows of memory, and tables that permute them: of the window's bytes by their numbers, 128 and more for 0. Each
-// block of the output takes bytes from `starts` of its first lane on.
+// Windows of memory, and tables that permute them: an entry is the number of a window byte; 128 or more gives 0.
+// starts[0] of a block is the first window byte that its frames use.
 struct ShortWindow {
   static constexpr std::ptrdiff_t kBytes = 16;
   struct Table {
     U8x bytes;
   };
   KESAUDIO_INLINE static Table table(U8x sources, I16x /*starts*/) { return {sources}; }
-  // Whether any block's bytes lie close enough together: of frames of in bytes, spanned of which a block touches.
+  // Whether a block's bytes can all be reached. in: bytes a frame; spanned: frames that a block touches.
   static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t /*spanned*/) { return in <= kBytes; }
   U8x bytes;
   KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
@@ -52,7 +52,7 @@ struct LongWindow {
   KESAUDIO_INLINE U8x permute(Table table) const { return (U8x)vqtbl2q_u8(bytes, (uint8x16_t)table.bytes); }
 };
 
-// x, of whose value the compiler no longer knows anything.
+// Hides x's value from the optimiser.
 template <class Value>
 KESAUDIO_INLINE Value opaque(Value x) {
   __asm__("" : "+r"(x));
@@ -69,7 +69,7 @@ struct Strides {
   }
   KESAUDIO_INLINE std::ptrdiff_t operator[](int i) const { return multiples[i]; }
 };
-inline constexpr int kStrides = 8;  // as many as there are registers for, twice
+inline constexpr int kStrides = 8;  // eight for input and eight for output fit the registers
 
 // ST1: stores kCount vectors side by side.
 template <int kCount>
@@ -117,7 +117,7 @@ KESAUDIO_INLINE I32x duplicateEven(I32x x) { return (I32x)vtrn1q_s32((int32x4_t)
 
 // From the order of two vectors that were unzipped or narrowed block by block to that of memory.
 template <class Vector>
-KESAUDIO_INLINE Vector inOrder(Vector x) {
+KESAUDIO_INLINE Vector undoBlockOrder(Vector x) {
   return x;
 }
 
@@ -163,11 +163,11 @@ KESAUDIO_INLINE void loadTriples(const Byte* p, I32x (&sides)[2], I32x (&third)[
   const auto loaded = vld3q_s32(reinterpret_cast<const std::int32_t*>(p));
   sides[0] = (I32x)loaded.val[0], sides[1] = (I32x)loaded.val[1], third[0] = third[1] = (I32x)loaded.val[2];
 }
-KESAUDIO_INLINE void storeSides(Byte* p, I16x left, I16x right) {
+KESAUDIO_INLINE void storeStereo(Byte* p, I16x left, I16x right) {
   const int16x8x2_t sides = {{(int16x8_t)left, (int16x8_t)right}};
   vst2q_s16(reinterpret_cast<std::int16_t*>(p), sides);
 }
-KESAUDIO_INLINE void storeSides(Byte* p, I32x left, I32x right) {
+KESAUDIO_INLINE void storeStereo(Byte* p, I32x left, I32x right) {
   const int32x4x2_t sides = {{(int32x4_t)left, (int32x4_t)right}};
   vst2q_s32(reinterpret_cast<std::int32_t*>(p), sides);
 }
@@ -192,8 +192,8 @@ KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) { return (I16x)vqaddq_s16((in
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((int32x4_t)x, (int32x4_t)y); }
 
 // SMIN, SMAX.
-KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return (I32x)vminq_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return (I32x)vmaxq_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return (I32x)vminq_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return (I32x)vmaxq_s32((int32x4_t)x, (int32x4_t)y); }
 
 // x + y + z, limited once.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
@@ -228,7 +228,7 @@ KESAUDIO_INLINE I32x addPairs(I16x x) { return (I32x)vpaddlq_s16((int16x8_t)x); 
 KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return (I32x)vpadalq_s16((int32x4_t)sum, (int16x8_t)x); }
 
 // ADDP: the sums of pairs of lanes of x, then of y, block by block.
-KESAUDIO_INLINE I32x addNeighbours(I32x x, I32x y) { return (I32x)vpaddq_s32((int32x4_t)x, (int32x4_t)y); }
+KESAUDIO_INLINE I32x addAdjacent(I32x x, I32x y) { return (I32x)vpaddq_s32((int32x4_t)x, (int32x4_t)y); }
 
 // (x + y) / 2, rounded towards zero: SRHADD, which rounds up, where SHADD, which rounds down, is below zero.
 KESAUDIO_INLINE I16x averageOfTwo(I16x x, I16x y) {

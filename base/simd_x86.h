@@ -48,7 +48,7 @@ KESAUDIO_INLINE void storeBlocks(Byte* p, [[maybe_unused]] std::ptrdiff_t second
 #endif
 }
 
-KESAUDIO_INLINE U8x loadToEach(const Byte* p) { return loadBlocks<U8x>(p, 0); }
+KESAUDIO_INLINE U8x broadcastLoad(const Byte* p) { return loadBlocks<U8x>(p, 0); }
 
 // PSHUFB takes four bits of an index, and makes 0 of 128 and more.
 #if defined(__SSE4_1__)
@@ -65,7 +65,7 @@ struct ShortWindow {
   U8x bytes;
   KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
 #if defined(__AVX2__)
-  // VPERMD brings the 16 bytes that a block needs into it, from any four bytes of the window on.
+  // VPERMD first moves the 16 window bytes that a block needs, from a multiple of 4 on, into that block.
   static constexpr std::ptrdiff_t kBytes = 32;
   struct Table {
     U8x bytes;
@@ -103,7 +103,7 @@ struct LongWindow {
     return {(U8x)low, sources - 16};
   }
   U8x low, high;
-  KESAUDIO_INLINE explicit LongWindow(const Byte* p) : low(loadToEach(p)), high(loadToEach(p + 16)) {}
+  KESAUDIO_INLINE explicit LongWindow(const Byte* p) : low(broadcastLoad(p)), high(broadcastLoad(p + 16)) {}
   KESAUDIO_INLINE U8x permute(Table table) const {
     return kesaudio::permute(low, table.low) | kesaudio::permute(high, table.high);
   }
@@ -167,7 +167,7 @@ KESAUDIO_INLINE I16x duplicateEven(I16x x) { return reorder<0, 0, 2, 2, 4, 4, 6,
 KESAUDIO_INLINE I32x duplicateEven(I32x x) { return shuffle<0, 0, 2, 2>(x, x); }
 
 template <class Vector>
-KESAUDIO_INLINE Vector inOrder(Vector x) {
+KESAUDIO_INLINE Vector undoBlockOrder(Vector x) {
 #if defined(__AVX2__)
   return (Vector)_mm256_permute4x64_epi64((Register)x, 0 | 2 << 2 | 1 << 4 | 3 << 6);
 #else
@@ -231,7 +231,7 @@ KESAUDIO_INLINE void loadTriples(const Byte* p, I32x (&sides)[2], I32x (&third)[
   }
 }
 template <class Vector>
-KESAUDIO_INLINE void storeSides(Byte* p, Vector first, Vector second) {
+KESAUDIO_INLINE void storeStereo(Byte* p, Vector first, Vector second) {
   store(p, first);
   store(p + kVectorBytes, second);
 }
@@ -245,7 +245,7 @@ KESAUDIO_INLINE I16x scaleQ15(I16x x, std::int16_t factor) {
 }
 
 // Of each pair of 16-bit lanes x0, x1: x0 * weight0 + x1 * weight1 (PMADDWD).
-KESAUDIO_INLINE I32x weightedPairs(I16x x, std::int16_t weight0, std::int16_t weight1) {
+KESAUDIO_INLINE I32x multiplyAddPairs(I16x x, std::int16_t weight0, std::int16_t weight1) {
   const auto weights = static_cast<std::uint16_t>(weight0) | static_cast<std::uint32_t>(weight1) << 16;
   return (I32x)KESAUDIO_X86(madd_epi16)((Register)x, KESAUDIO_X86(set1_epi32)(static_cast<std::int32_t>(weights)));
 }
@@ -253,11 +253,11 @@ KESAUDIO_INLINE I32x weightedPairs(I16x x, std::int16_t weight0, std::int16_t we
 // From the halves of a lane, high * 2^16 + low.
 KESAUDIO_INLINE I32x scaleQ15(I32x x, std::int16_t factor) {
   const auto doubled = static_cast<std::int16_t>(2 * factor);
-  return weightedPairs((I16x)x, 0, doubled) +
+  return multiplyAddPairs((I16x)x, 0, doubled) +
          (I32x)KESAUDIO_X86(mulhi_epu16)((Register)x, KESAUDIO_X86(set1_epi32)(doubled));
 }
 KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
-  const I32x high = weightedPairs((I16x)x, 0, static_cast<std::int16_t>(factor / 2)) << 1;  // the factor is even
+  const I32x high = multiplyAddPairs((I16x)x, 0, static_cast<std::int16_t>(factor / 2)) << 1;  // the factor is even
   const auto low = (I32x)KESAUDIO_X86(mulhi_epu16)((Register)x, KESAUDIO_X86(set1_epi32)(factor));
   return (high + low) >> (shift - 1);
 }
@@ -265,34 +265,34 @@ KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) {
   return (I16x)KESAUDIO_X86(adds_epi16)((Register)x, (Register)y);
 }
-// whereNegative: lanes of y where x is negative, else of z.
+// selectNegative: lanes of y where x is negative, else of z.
 #if defined(__SSE4_1__)
-KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return (I32x)KESAUDIO_X86(min_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return (I32x)KESAUDIO_X86(max_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) {
+KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return (I32x)KESAUDIO_X86(min_epi32)((Register)x, (Register)y); }
+KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return (I32x)KESAUDIO_X86(max_epi32)((Register)x, (Register)y); }
+KESAUDIO_INLINE I32x selectNegative(I32x x, I32x y, I32x z) {
   return (I32x)KESAUDIO_X86(blendv_ps)((FloatRegister)z, (FloatRegister)y, (FloatRegister)x);
 }
 #else
-KESAUDIO_INLINE I32x lesser(I32x x, I32x y) { return x < y ? x : y; }
-KESAUDIO_INLINE I32x greater(I32x x, I32x y) { return x < y ? y : x; }
-KESAUDIO_INLINE I32x whereNegative(I32x x, I32x y, I32x z) { return x < 0 ? y : z; }
+KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return x < y ? x : y; }
+KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return x < y ? y : x; }
+KESAUDIO_INLINE I32x selectNegative(I32x x, I32x y, I32x z) { return x < 0 ? y : z; }
 #endif
 inline constexpr bool kHasSaturatingAdd32 = false;
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) {
   const auto sum = (I32x)((U32x)x + (U32x)y);
-  return whereNegative((sum ^ x) & (sum ^ y), (x >> 31) ^ INT32_MAX, sum);
+  return selectNegative((sum ^ x) & (sum ^ y), (x >> 31) ^ INT32_MAX, sum);
 }
 // First the term whose sign may differ from x's, whose sum cannot leave 32 bits, then the other.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
-  const I32x less = lesser(y, z), more = greater(y, z);
-  return saturatingAdd(saturatingAdd(x, whereNegative(x, more, less)), whereNegative(x, less, more));
+  const I32x less = minimum(y, z), more = maximum(y, z);
+  return saturatingAdd(saturatingAdd(x, selectNegative(x, more, less)), selectNegative(x, less, more));
 }
 
 struct Wide {
   I32x low, high;
 };
 KESAUDIO_INLINE Wide widenAndAdd(I16x x, I16x y) {
-  return {weightedPairs(zipLow(x, y), 1, 1), weightedPairs(zipHigh(x, y), 1, 1)};
+  return {multiplyAddPairs(zipLow(x, y), 1, 1), multiplyAddPairs(zipHigh(x, y), 1, 1)};
 }
 KESAUDIO_INLINE Wide widen(I16x x) { return {(I32x)zipLow(x, x) >> 16, (I32x)zipHigh(x, x) >> 16}; }
 
@@ -302,10 +302,10 @@ KESAUDIO_INLINE I16x saturateNarrow(I32x x, I32x y) {
 
 KESAUDIO_INLINE I16x narrow(I32x x, I32x y) { return saturateNarrow(x, y); }
 
-KESAUDIO_INLINE I32x addPairs(I16x x) { return weightedPairs(x, 1, 1); }
+KESAUDIO_INLINE I32x addPairs(I16x x) { return multiplyAddPairs(x, 1, 1); }
 KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return sum + addPairs(x); }
 
-KESAUDIO_INLINE I32x addNeighbours(I32x x, I32x y) { return unzipEven(x, y) + unzipOdd(x, y); }
+KESAUDIO_INLINE I32x addAdjacent(I32x x, I32x y) { return unzipEven(x, y) + unzipOdd(x, y); }
 
 // The floor, (x & y) + (x ^ y) / 2, and the bit it drops where it is below zero.
 template <class Vector>
@@ -354,8 +354,8 @@ KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
 }
 #endif
 
-// Of at most eight 32-bit samples. Without a shift of 64-bit lanes that extends the sign they are added as unsigned
-// numbers, 2^31 more than they are, and the sums have that much too much.
+// Of at most eight 32-bit samples, zero-extended after flipping the sign bit, since there is no arithmetic shift of
+// 64-bit lanes: each sum is too large by `excess`.
 struct WideSums {
   I64x even, odd;
   std::int64_t excess;
@@ -372,7 +372,7 @@ KESAUDIO_INLINE WideSums addPairs(I32x x, I32x y) {
   const WideSums first = widen(x), second = widen(y);
   return {first.even + first.odd, second.even + second.odd, 2 * first.excess};
 }
-// Below 2^52 a number in the lower bits of a double that is 1.5 * 2^52 is that double's fraction.
+// Adding a sum to the bits of 1.5 * 2^52 gives the double 1.5 * 2^52 + sum.
 KESAUDIO_INLINE __m128i divide(I64x sum, std::int64_t excess, Divisor by) {
   return truncate(((Doubles)(sum + (0x4338000000000000 - excess)) - 0x1.8p52) * by.wide);
 }

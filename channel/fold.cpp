@@ -41,9 +41,9 @@ struct Fold {
     I32x first = term(pairs[0][0]), second = term(pairs[1][0]);
     for (int i = 1; i < kPairs; ++i) first = add(first, pairs[0][i]), second = add(second, pairs[1][i]);
     if constexpr (std::is_same_v<Format, S16>)
-      mixed[0] = inOrder(saturateNarrow(first, second));
+      mixed[0] = undoBlockOrder(saturateNarrow(first, second));
     else
-      mixed[0] = inOrder(clamp<Format>(addNeighbours(first, second)));
+      mixed[0] = undoBlockOrder(clamp<Format>(addAdjacent(first, second)));
   }
 
   // Of a pair of 16-bit samples the sum of their terms.

@@ -50,8 +50,7 @@ void forEachFrame(Byte* dst, std::ptrdiff_t dstBytes, const Byte* src, std::ptrd
 }
 
 // Whether two ranges of bytes have none in common.
-inline bool areDisjoint(const Byte* written, std::ptrdiff_t writtenBytes, const Byte* read,
-                        std::ptrdiff_t readBytes) {
+inline bool disjoint(const Byte* written, std::ptrdiff_t writtenBytes, const Byte* read, std::ptrdiff_t readBytes) {
   const auto a = reinterpret_cast<std::uintptr_t>(written), b = reinterpret_cast<std::uintptr_t>(read);
   return a + static_cast<std::uintptr_t>(writtenBytes) <= b || b + static_cast<std::uintptr_t>(readBytes) <= a;
 }

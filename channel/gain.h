@@ -43,14 +43,14 @@ template <class Format>
 using Samples = std::conditional_t<std::is_same_v<Format, S16>, I16x, I32x>;
 
 KESAUDIO_INLINE I32x limit(I32x x, std::int32_t low, std::int32_t high) {
-  return greater(lesser(x, I32x{} + high), I32x{} + low);
+  return maximum(minimum(x, I32x{} + high), I32x{} + low);
 }
 template <class Format>
 KESAUDIO_INLINE I32x clamp(I32x x) {
   return limit(x, Format::kMin, Format::kMax);
 }
 
-// Of sums of 24-bit samples, too, up to 2^25. 32-bit samples saturate: g of 1518334790 and of its negative are the
+// Also of 24-bit sums, below 2^25. 32-bit samples saturate: g of 1518334790 and of its negative are the
 // two ends of the range, so a machine without a saturating addition limits x instead.
 template <class Format>
 KESAUDIO_INLINE I32x gain(I32x x) {
@@ -79,7 +79,7 @@ template <class Format>
 KESAUDIO_INLINE Gained gain(I16x x) {
   return {x, scaleQ15(x, kFractionQ15)};
 }
-// Terms of one sign: limiting twice is limiting once.
+// y.x and y.fraction have the same sign, so saturating twice equals saturating once.
 template <class Format>
 KESAUDIO_INLINE I16x clampedSum(I16x x, Gained y) {
   return saturatingAdd(saturatingAdd(x, y.x), y.fraction);

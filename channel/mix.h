@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs a mix over a block: a loop of steps of vectors, each of which loads its frames before it stores any, so that a
 // block can be mixed in place.
-//
-// A step is two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block has its first
-// frames, the second block the rest of them.
 #ifndef KESAUDIO_CHANNEL_MIX_H
 #define KESAUDIO_CHANNEL_MIX_H
 
@@ -40,9 +37,9 @@ struct PairsLoader {
   }
 };
 
-// Packed samples come in rows of four from 16 bytes of memory: of a whole step, so that the first half's last row
-// ends before the step does, and the second half's rows with their samples. Two pairs are a frame to a row: there
-// frames may have fewer channels, which makes the missing one silent, or more.
+// Packed samples are loaded in rows of four. First-half rows read past their end, second-half rows before their
+// start, so neither leaves the step. With two pairs a row is a frame, which may also have three channels, the fourth
+// then being silent, or more than four.
 template <int kPairs>
 struct PairsLoader<S24, kPairs> {
   const std::ptrdiff_t rowBytes;
@@ -103,8 +100,9 @@ MixLoop loopOf(std::int32_t channels) {
   return {runSteps<Step>, Step::kFrames, Step::in(channels), frameBytes<typename Step::Format>(Step::kOut)};
 }
 
-// A step of a mix of pairs, which is constructed from a MixCall, and by its operator mixes the pairs of both halves
-// into kOut vectors of samples.
+// A step of a mix of pairs: two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block
+// has its first frames, the second block the rest. Mix is constructed from a MixCall; its operator mixes the pairs of
+// both halves into kOut vectors of samples.
 template <class FormatType, class Mix, int kPairs>
 struct PairsStep {
   using Format = FormatType;
@@ -148,6 +146,7 @@ MixLoop loopForChannels(std::int32_t channels) {
   loop.run(dst, src, steps, call);
   const std::ptrdiff_t done = steps * loop.frames, rest = frames - done;
   if (rest == 0) return;
+  // The longest step is one of eight channels, in any format.
   Byte from[kStepFrames<S16> * frameBytes<S16>(kMaxMixChannels)] = {}, to[sizeof from];
   std::memcpy(from, src + done * loop.in, static_cast<std::size_t>(rest * loop.in));
   loop.run(to, from, 1, call);

@@ -38,12 +38,12 @@ struct Average {
   KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&mixed)[1]) const {
     if constexpr (std::is_same_v<Format, S16>) {
       const I32x first = divideSmall(total(pairs[0]), divisor), second = divideSmall(total(pairs[1]), divisor);
-      mixed[0] = inOrder(narrow(first, second));
+      mixed[0] = undoBlockOrder(narrow(first, second));
     } else if constexpr (std::is_same_v<Format, S24> && kPairs == 1) {
       const I32x left = unzipEven(pairs[0][0], pairs[1][0]), right = unzipOdd(pairs[0][0], pairs[1][0]);
-      mixed[0] = inOrder(averageOfTwo(left, right));
+      mixed[0] = undoBlockOrder(averageOfTwo(left, right));
     } else if constexpr (std::is_same_v<Format, S24>) {
-      mixed[0] = inOrder(divide(addNeighbours(total(pairs[0]), total(pairs[1])), divisor));
+      mixed[0] = undoBlockOrder(divide(addAdjacent(total(pairs[0]), total(pairs[1])), divisor));
     } else {
       WideSums sum = addPairs(pairs[0][0], pairs[1][0]);
       for (int i = 1; i < kPairs; ++i) sum = sum + addPairs(pairs[0][i], pairs[1][i]);
@@ -62,7 +62,7 @@ struct AverageOfTwo {
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> left[2], right[2];
     for (int i = 0; i < 2; ++i) loadSides(src + 2 * i * kVectorBytes, left[i], right[i]);
-    for (int i = 0; i < 2; ++i) store(dst + i * kVectorBytes, inOrder(averageOfTwo(left[i], right[i])));
+    for (int i = 0; i < 2; ++i) store(dst + i * kVectorBytes, undoBlockOrder(averageOfTwo(left[i], right[i])));
   }
 };
 

@@ -74,7 +74,7 @@ template <class Piece, class Mask = Unmasked>
 // is read before it is written over.
 template <class Move>
 void moveApart(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames, Move move) {
-  if (areDisjoint(dst, frames * out, src, frames * in)) return move(dst, src, frames);
+  if (disjoint(dst, frames * out, src, frames * in)) return move(dst, src, frames);
   Byte chunk[1024];
   const std::ptrdiff_t most = static_cast<std::ptrdiff_t>(sizeof chunk) / in;
   for (std::ptrdiff_t left = frames, count; left > 0; left -= count) {

@@ -55,14 +55,13 @@ struct Mix5_1 : StereoMix {
   using StereoMix::StereoMix;
   template <int kFramePairs>
   KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kFramePairs], Samples<Format> (&sides)[2]) const {
-    // t is 16 bits wide among 16-bit samples, else 32, which 24-bit ones cannot leave.
+    // t is clamped to 16 bits for 16-bit samples, to 32 for the others, which 24-bit sums cannot reach.
     const auto centre = unzipEven(pairs[0][1], pairs[1][1]), lfe = unzipOdd(pairs[0][1], pairs[1][1]);
-    using Wide = std::conditional_t<std::is_same_v<Format, S16>, S16, S32>;
     Samples<Format> t;
     if constexpr (std::is_same_v<Format, S24>)
       t = centre + gain<S24>(lfe);
     else
-      t = mixFrontAndBack<Wide>(centre, lfe);
+      t = mixFrontAndBack<Format>(centre, lfe);
     const Samples<Format> forBothSides[2] = {zipLow(t, t), zipHigh(t, t)};
     unrolled<2>([&](auto half) KESAUDIO_INLINED {
       sides[half] =
@@ -81,7 +80,7 @@ struct FrontOfThree {
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> sides[2], third[2];
     loadTriples(src, sides, third);
-    storeSides(dst, mixFrontAndBack<Format>(sides[0], third[0]), mixFrontAndBack<Format>(sides[1], third[1]));
+    storeStereo(dst, mixFrontAndBack<Format>(sides[0], third[0]), mixFrontAndBack<Format>(sides[1], third[1]));
   }
 };
 

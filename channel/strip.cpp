@@ -9,8 +9,8 @@
 using namespace kesaudio;
 using namespace kesaudio::channel;
 
-// A frame is copied as one piece of a power of 2: what it has too much, the next frame covers. The last frame is
-// copied by itself.
+// Copies each frame as one piece of 2, 4, 8, 16, 24 or 32 bytes. The next frame overwrites the surplus; the last
+// frame is copied exactly.
 void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                     std::ptrdiff_t frames) {
   if (frames <= 0) return;

@@ -28,12 +28,14 @@ void expandFrame(Byte* out, std::ptrdiff_t outBytes, const Byte* in, std::ptrdif
     std::memcpy(out + done, out, all - done < first ? all - done : first);
 }
 
-// ---- by units of whole frames: each output vector takes its bytes from a window of the input by a table
+// ---- by units: each output vector takes its bytes from a window of the input by a table
+//
+// A unit is as many whole frames as one window of input holds and at most kMaxVectors vectors of output take.
 
 constexpr int kMaxVectors = 4;
 constexpr std::ptrdiff_t kMaxIn = 32, kMaxOut = 64;
 
-// What a number x is multiplied by to become x / n, in units of 2^-14, as long as x * n is below 2^14.
+// x / n == x * of[n] >> 14, while x * n < 2^14.
 struct Reciprocals {
   std::int16_t of[kMaxOut + 1] = {};
   constexpr Reciprocals() {
@@ -42,13 +44,12 @@ struct Reciprocals {
 };
 constexpr Reciprocals kReciprocals;
 
-struct Frames {
+struct FrameSizes {
   std::ptrdiff_t in, out;
   Fill fill;
 
-  // x / in, x / out
-  std::ptrdiff_t inputs(std::ptrdiff_t x) const { return x * kReciprocals.of[in] >> 14; }
-  std::ptrdiff_t outputs(std::ptrdiff_t x) const { return x * kReciprocals.of[out] >> 14; }
+  std::ptrdiff_t dividedByIn(std::ptrdiff_t x) const { return x * kReciprocals.of[in] >> 14; }
+  std::ptrdiff_t dividedByOut(std::ptrdiff_t x) const { return x * kReciprocals.of[out] >> 14; }
 
   // The table for a vector of the output that begins with byte `first` of its unit. Byte p of the unit is byte
   // j = p mod out of a frame, and comes from byte j, or j mod in, of that frame.
@@ -56,7 +57,7 @@ struct Frames {
   typename Window::Table table(int first) const {
     const auto in16 = static_cast<std::int16_t>(in), out16 = static_cast<std::int16_t>(out);
     I16x starts, sources[2];
-    for (int half = 1; half >= 0; --half) {
+    for (int half = 1; half >= 0; --half) {  // the lower half last: its starts are the block's
       const I16x p = bytePositions() + static_cast<std::int16_t>(first + 8 * half);
       const I16x frame = scaleQ15(p + p, kReciprocals.of[out]), j = p - frame * out16;
       const I16x turn = scaleQ15(j + j, kReciprocals.of[in]);  // j / in
@@ -72,8 +73,9 @@ struct Unit {
   std::ptrdiff_t frames, vectors;
   typename Window::Table tables[kMaxVectors];
 
-  explicit Unit(const Frames& f) {
-    const std::ptrdiff_t fromWindow = f.inputs(Window::kBytes), fromVectors = f.outputs(kMaxVectors * kVectorBytes);
+  explicit Unit(const FrameSizes& f) {
+    const std::ptrdiff_t fromWindow = f.dividedByIn(Window::kBytes),
+                         fromVectors = f.dividedByOut(kMaxVectors * kVectorBytes);
     frames = fromWindow < fromVectors ? fromWindow : fromVectors;
     vectors = (frames * f.out + kVectorBytes - 1) / kVectorBytes;
     for (int v = 0; v < vectors; ++v) tables[v] = f.table<Window>(v * kVectorBytes);
@@ -99,7 +101,7 @@ template <class Window, int kVectors>
 }
 
 template <class Window>
-auto expandUnitsOf(std::ptrdiff_t vectors) {
+auto unitLoop(std::ptrdiff_t vectors) {
   switch (vectors) {
     case 1: return expandUnits<Window, 1>;
     case 2: return expandUnits<Window, 2>;
@@ -111,8 +113,9 @@ auto expandUnitsOf(std::ptrdiff_t vectors) {
 // Whole units as far as their windows and vectors end inside the blocks, the rest by way of a copy. The blocks are
 // disjoint.
 template <class Window>
-void expandByUnits(const Unit<Window>& unit, const Frames& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
-  const auto expand = expandUnitsOf<Window>(unit.vectors);
+void expandDisjoint(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, const Byte* src,
+                    std::ptrdiff_t frames) {
+  const auto expand = unitLoop<Window>(unit.vectors);
   const std::ptrdiff_t in = unit.frames * f.in, out = unit.frames * f.out;
   const std::ptrdiff_t lastIn = frames * f.in - Window::kBytes,
                        lastOut = frames * f.out - unit.vectors * kVectorBytes;
@@ -122,17 +125,17 @@ void expandByUnits(const Unit<Window>& unit, const Frames& f, Byte* dst, const B
 
   const std::ptrdiff_t done = units * unit.frames, rest = frames - done;
   if (rest == 0) return;
-  Byte from[256] = {}, to[1536];
+  Byte from[256] = {}, to[1536];  // 15 frames of 2 to 64 bytes at most, and a vector
   std::memcpy(from, src + done * f.in, static_cast<std::size_t>(rest * f.in));
   expand(to, out, from, in, (rest + unit.frames - 1) / unit.frames, unit.tables);
   std::memcpy(dst + done * f.out, to, static_cast<std::size_t>(rest * f.out));
 }
 
 template <class Window>
-void expandByUnits(const Frames& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
+void expandByUnits(const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
   const Unit<Window> unit(f);
   moveApart(dst, f.out, src, f.in, frames,
-            [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandByUnits(unit, f, to, from, count); });
+            [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandDisjoint(unit, f, to, from, count); });
 }
 
 // ---- zero fill by pieces: a frame is one piece, masked behind the input frame's end
@@ -165,13 +168,14 @@ void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t
 void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                      std::ptrdiff_t frames, Fill fill) {
   if (frames <= 0) return;
-  const Frames f{in, out, fill};
+  const FrameSizes f{in, out, fill};
   if (!kHasByteShuffle || in > kMaxIn || out > kMaxOut) {
     while (--frames >= 0) expandFrame(dst + frames * out, out, src + frames * in, in, fill);
   } else if (fill == Fill::kSilence && isPiece(in, out)) {
     moveApart(dst, out, src, in, frames,
               [=](Byte* to, const Byte* from, std::ptrdiff_t count) { expandPieces(to, out, from, in, count); });
-  } else if (ShortWindow::fits(in, f.outputs(14) + 2)) {  // 16 bytes and 14 before them touch as many frames
+  } else if (ShortWindow::fits(in,
+                               f.dividedByOut(14) + 2)) {  // a block of 16 bytes touches at most 14 / out + 2 frames
     expandByUnits<ShortWindow>(f, dst, src, frames);
   } else {
     expandByUnits<LongWindow>(f, dst, src, frames);
