@@ -21,6 +21,7 @@ int extraShift(int32_t srcChannels) {
   return 1 + static_cast<int>(std::bit_width(static_cast<uint32_t>(srcChannels) - 1));
 }
 
+// For mono frames and those of more than kMaxMixChannels.
 template <class Format>
 int32_t foldFrame(const Byte* in, int32_t channels, int shift) {
   typename Format::Sum sum = 0;

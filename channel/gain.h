@@ -50,8 +50,8 @@ KESAUDIO_INLINE I32x clamp(I32x x) {
   return limit(x, Format::kMin, Format::kMax);
 }
 
-// Also of 24-bit sums, below 2^25. 32-bit samples saturate: g of 1518334790 and of its negative are the
-// two ends of the range, so a machine without a saturating addition limits x instead.
+// g of a 32-bit sample saturates; x may also be a 24-bit sum, below 2^25. Where there is no saturating addition, x is
+// limited first: g of 1518334790 and of its negative are the ends of the range.
 template <class Format>
 KESAUDIO_INLINE I32x gain(I32x x) {
   if constexpr (!std::is_same_v<Format, S32>) return x + scaleQ15(x, kFractionQ15);
@@ -71,7 +71,7 @@ KESAUDIO_INLINE I32x clampedSum(I32x x, I32x y, I32x z) {
   return std::is_same_v<Format, S32> ? saturatingSum(x, y, z) : clamp<Format>(x + y + z);
 }
 
-// g(x) of a 16-bit sample has 17 bits: x and the fraction of it that g adds, both of one sign.
+// g(x) of a 16-bit sample has 17 bits: x and the fraction of it that g adds, of the same sign or 0.
 struct Gained {
   I16x x, fraction;
 };

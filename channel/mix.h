@@ -64,7 +64,8 @@ struct PairsLoader<S24, kPairs> {
   }
 };
 
-// Stores a vector of samples. Packed ones may take 4 bytes more, unless they are the step's last.
+// A packed vector writes up to 4 bytes beyond its samples, which the step's next vector overwrites; the last one
+// writes none.
 template <class Format, bool kIsLast>
 KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
   if constexpr (!std::is_same_v<Format, S24>)
@@ -85,7 +86,7 @@ struct MixLoop {
   std::ptrdiff_t frames, in, out;
 };
 
-// A step converts kFrames frames of a Format from in bytes to kOut channels by its operator.
+// Step's operator converts kFrames frames of in() bytes to frames of kOut samples of Step::Format.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);
@@ -126,7 +127,7 @@ struct PairsStep {
   }
 };
 
-// The loop of Steps::Step<kPairs>, for frames of 2 to 8 channels; an odd one has a silent neighbour.
+// The loop of Steps::Step<kPairs>, for frames of 2 to 8 channels; an odd count is padded with a silent channel.
 template <class Steps>
 MixLoop loopForChannels(std::int32_t channels) {
   switch ((channels + 1) / 2) {

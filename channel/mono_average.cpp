@@ -8,6 +8,7 @@ using namespace kesaudio::channel;
 
 namespace {
 
+// For mono frames and those of more than kMaxMixChannels.
 template <class Format>
 int32_t averageFrame(const Byte* in, int32_t channels) {
   typename Format::Sum sum = 0;

@@ -17,7 +17,7 @@ void stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t 
 void expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
                   Fill fill);
 
-// Whichever of the two it takes, or a copy.
+// Strips, expands or copies, by the two sizes; fill matters only when frames grow.
 inline void resizeFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
                          Fill fill) {
   if (out < in) return stripFrames(dst, out, src, in, frames);

@@ -8,8 +8,8 @@
 
 namespace kesaudio::channel {
 
-// Pieces of 2, 4, 8 and 16 bytes are numbers and vectors of that size; of 24 and 32 bytes a vector
-// and another piece, if there is no vector of 32 bytes.
+// Pieces of 2, 4, 8 and 16 bytes are one integer or vector. Pieces of 24 and 32 bytes are a vector and a second part,
+// or one vector with AVX2.
 template <class Value>
 struct Piece {
   typedef Value Unaligned __attribute__((aligned(1), may_alias));
@@ -55,6 +55,7 @@ template <class Piece, class Mask = Unmasked>
                                   std::ptrdiff_t frames, Mask mask = {}) {
   constexpr int kTogether = sizeof(Piece) > 16 ? kStrides / 2 : kStrides;
   const Strides<kTogether> outs(out), ins(in);
+  // The address of a piece's second part has a register of its own: a load takes a register offset or a constant one.
   Byte* dst16 = opaque(dst + 16);
   const Byte* src16 = opaque(src + 16);
   for (; frames >= kTogether; frames -= kTogether) {
@@ -71,7 +72,7 @@ template <class Piece, class Mask = Unmasked>
 
 // Calls move(output, input, frames) for disjoint blocks: once, or where these overlap, chunk by chunk from a copy,
 // from the first to the last for shorter frames and from the last to the first for longer ones, so that every frame
-// is read before it is written over.
+// is read before it is written over. Frames of at most 1024 input bytes.
 template <class Move>
 void moveApart(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames, Move move) {
   if (disjoint(dst, frames * out, src, frames * in)) return move(dst, src, frames);

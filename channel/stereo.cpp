@@ -16,11 +16,13 @@ namespace {
 
 // ---- the layouts' mixes
 //
-// Of pairs of channels, left and right in turn: kChannels of the layout, in frames of 2 * kPairs channels.
+// pairs[half][p] holds channels 2p and 2p + 1 of half a step's frames, interleaved. kChannels: channels that the
+// layout names; kPairs: pairs loaded for each frame.
 
+// clamp(x + g(y))
 template <class Format>
-KESAUDIO_INLINE Samples<Format> mixFrontAndBack(Samples<Format> front, Samples<Format> back) {
-  return clampedSum<Format>(front, gain<Format>(back));
+KESAUDIO_INLINE Samples<Format> addWithGain(Samples<Format> x, Samples<Format> y) {
+  return clampedSum<Format>(x, gain<Format>(y));
 }
 
 struct StereoMix {
@@ -32,9 +34,9 @@ template <class Format>
 struct Front : StereoMix {
   static constexpr int32_t kChannels = 3, kPairs = 2;
   using StereoMix::StereoMix;
-  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][2], Samples<Format> (&sides)[2]) const {
+  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][2], Samples<Format> (&mixed)[2]) const {
     unrolled<2>([&](auto half) KESAUDIO_INLINED {
-      sides[half] = mixFrontAndBack<Format>(pairs[half][0], duplicateEven(pairs[half][1]));
+      mixed[half] = addWithGain<Format>(pairs[half][0], duplicateEven(pairs[half][1]));
     });
   }
 };
@@ -43,9 +45,9 @@ template <class Format>
 struct Quad : StereoMix {
   static constexpr int32_t kChannels = 4, kPairs = 2;
   using StereoMix::StereoMix;
-  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][2], Samples<Format> (&sides)[2]) const {
+  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][2], Samples<Format> (&mixed)[2]) const {
     unrolled<2>([&](auto half)
-                    KESAUDIO_INLINED { sides[half] = mixFrontAndBack<Format>(pairs[half][0], pairs[half][1]); });
+                    KESAUDIO_INLINED { mixed[half] = addWithGain<Format>(pairs[half][0], pairs[half][1]); });
   }
 };
 
@@ -53,19 +55,18 @@ template <class Format>
 struct Mix5_1 : StereoMix {
   static constexpr int32_t kChannels = 6, kPairs = 3;
   using StereoMix::StereoMix;
-  template <int kFramePairs>
-  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kFramePairs], Samples<Format> (&sides)[2]) const {
-    // t is clamped to 16 bits for 16-bit samples, to 32 for the others, which 24-bit sums cannot reach.
+  template <int kFramePairs>  // 3, or 4 for frames of 8 channels, whose last pair is not used
+  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kFramePairs], Samples<Format> (&mixed)[2]) const {
+    // t is clamped to 16 bits for 16-bit samples and to 32 bits for the others; a 24-bit t is below 2^25.
     const auto centre = unzipEven(pairs[0][1], pairs[1][1]), lfe = unzipOdd(pairs[0][1], pairs[1][1]);
     Samples<Format> t;
     if constexpr (std::is_same_v<Format, S24>)
       t = centre + gain<S24>(lfe);
     else
-      t = mixFrontAndBack<Format>(centre, lfe);
-    const Samples<Format> forBothSides[2] = {zipLow(t, t), zipHigh(t, t)};
+      t = addWithGain<Format>(centre, lfe);
+    const Samples<Format> tTwice[2] = {zipLow(t, t), zipHigh(t, t)};
     unrolled<2>([&](auto half) KESAUDIO_INLINED {
-      sides[half] =
-          clampedSum<Format>(pairs[half][0], gain<Format>(forBothSides[half]), gain<Format>(pairs[half][2]));
+      mixed[half] = clampedSum<Format>(pairs[half][0], gain<Format>(tTwice[half]), gain<Format>(pairs[half][2]));
     });
   }
 };
@@ -80,7 +81,7 @@ struct FrontOfThree {
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> sides[2], third[2];
     loadTriples(src, sides, third);
-    storeStereo(dst, mixFrontAndBack<Format>(sides[0], third[0]), mixFrontAndBack<Format>(sides[1], third[1]));
+    storeStereo(dst, addWithGain<Format>(sides[0], third[0]), addWithGain<Format>(sides[1], third[1]));
   }
 };
 
@@ -96,6 +97,7 @@ MixLoop loopOfLayout(int32_t srcChannels) {
 
 // ---- the pairwise average
 
+// For mono frames and those of more than kMaxMixChannels.
 template <class Format>
 void averagePairwise(Byte* out, const Byte* in, int32_t channels) {
   typename Format::Sum sums[2] = {};
@@ -109,12 +111,12 @@ struct Pairwise : StereoMix {
   const Divisor divisor;
   explicit Pairwise(const MixCall& call) : StereoMix(call), divisor(call.divisor) {}
   template <int kPairs>
-  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&sides)[2]) const {
+  KESAUDIO_INLINE void operator()(const Samples<Format> (&pairs)[2][kPairs], Samples<Format> (&mixed)[2]) const {
     unrolled<2>([&](auto half) KESAUDIO_INLINED {
       if constexpr (kPairs == 1)
-        sides[half] = averageOfTwo(pairs[half][0], Samples<Format>{});
+        mixed[half] = averageOfTwo(pairs[half][0], Samples<Format>{});
       else
-        sides[half] = average(pairs[half]);
+        mixed[half] = average(pairs[half]);
     });
   }
 

@@ -32,7 +32,7 @@ void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* s
     }
     if (whole < count) std::memmove(to + whole * out, from + whole * in, static_cast<std::size_t>(out));
   };
-  // Only a piece that is longer than its input frame can reach one that is still to be read.
+  // In place, a piece longer than an input frame would overwrite the next frame before it is read.
   if (piece <= in) return strip(dst, src, frames);
   moveApart(dst, out, src, in, frames, strip);
 }

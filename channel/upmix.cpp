@@ -28,6 +28,15 @@ void expandFrame(Byte* out, std::ptrdiff_t outBytes, const Byte* in, std::ptrdif
     std::memcpy(out + done, out, all - done < first ? all - done : first);
 }
 
+void expandByFrame(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
+                   Fill fill) {
+  if (disjoint(dst, frames * out, src, frames * in))
+    return forEachFrame(dst, out, src, in, frames,
+                        [=](Byte* outFrame, const Byte* inFrame) { expandFrame(outFrame, out, inFrame, in, fill); });
+  // The last frame first: an output frame may cover the input of later ones.
+  while (--frames >= 0) expandFrame(dst + frames * out, out, src + frames * in, in, fill);
+}
+
 // ---- by units: each output vector takes its bytes from a window of the input by a table
 //
 // A unit is as many whole frames as one window of input holds and at most kMaxVectors vectors of output take.
@@ -60,9 +69,9 @@ struct FrameSizes {
     for (int half = 1; half >= 0; --half) {  // the lower half last: its starts are the block's
       const I16x p = bytePositions() + static_cast<std::int16_t>(first + 8 * half);
       const I16x frame = scaleQ15(p + p, kReciprocals.of[out]), j = p - frame * out16;
-      const I16x turn = scaleQ15(j + j, kReciprocals.of[in]);  // j / in
+      const I16x repeat = scaleQ15(j + j, kReciprocals.of[in]);  // j / in
       starts = frame * in16;
-      sources[half] = (fill == Fill::kRepeat ? starts + j - turn * in16 : (starts + j) | (turn > 0)) & 255;
+      sources[half] = (fill == Fill::kRepeat ? starts + j - repeat * in16 : (starts + j) | (repeat > 0)) & 255;
     }
     return Window::table(narrowBytes(sources[0], sources[1]), starts);
   }
@@ -125,7 +134,7 @@ void expandDisjoint(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, co
 
   const std::ptrdiff_t done = units * unit.frames, rest = frames - done;
   if (rest == 0) return;
-  Byte from[256] = {}, to[1536];  // 15 frames of 2 to 64 bytes at most, and a vector
+  Byte from[64] = {}, to[1024];  // at most 15 frames are left: their windows and vectors
   std::memcpy(from, src + done * f.in, static_cast<std::size_t>(rest * f.in));
   expand(to, out, from, in, (rest + unit.frames - 1) / unit.frames, unit.tables);
   std::memcpy(dst + done * f.out, to, static_cast<std::size_t>(rest * f.out));
@@ -138,9 +147,10 @@ void expandByUnits(const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff
             [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandDisjoint(unit, f, to, from, count); });
 }
 
-// ---- zero fill by pieces: a frame is one piece, masked behind the input frame's end
+// ---- zero fill by pieces: a frame is one piece, masked behind the input frame's end. More than half of it is input,
+// so a whole piece can be read at each frame but the last.
 
-bool isPiece(std::ptrdiff_t in, std::ptrdiff_t out) { return (in > 8 && out <= 16) || (in > 16 && out <= 32); }
+bool fitsPiece(std::ptrdiff_t in, std::ptrdiff_t out) { return (in > 8 && out <= 16) || (in > 16 && out <= 32); }
 
 // From kMask + 32 - n on, n bytes of ones and then zeros.
 struct Mask {
@@ -169,13 +179,14 @@ void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* 
                                      std::ptrdiff_t frames, Fill fill) {
   if (frames <= 0) return;
   const FrameSizes f{in, out, fill};
+  const std::ptrdiff_t spanned =
+      out <= kMaxOut ? f.dividedByOut(14) + 2 : 0;  // frames that a block of 16 bytes can touch
   if (!kHasByteShuffle || in > kMaxIn || out > kMaxOut) {
-    while (--frames >= 0) expandFrame(dst + frames * out, out, src + frames * in, in, fill);
-  } else if (fill == Fill::kSilence && isPiece(in, out)) {
+    expandByFrame(dst, out, src, in, frames, fill);
+  } else if (fill == Fill::kSilence && fitsPiece(in, out)) {
     moveApart(dst, out, src, in, frames,
               [=](Byte* to, const Byte* from, std::ptrdiff_t count) { expandPieces(to, out, from, in, count); });
-  } else if (ShortWindow::fits(in,
-                               f.dividedByOut(14) + 2)) {  // a block of 16 bytes touches at most 14 / out + 2 frames
+  } else if (ShortWindow::fits(in, spanned)) {
     expandByUnits<ShortWindow>(f, dst, src, frames);
   } else {
     expandByUnits<LongWindow>(f, dst, src, frames);
