@@ -1,12 +1,30 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The bit converter: changes the sample format of a stream, by the platform's shifter library, or brings 8.24 samples
+/** @file
+ * The bit converter: changes the sample format of a stream, by the platform's shifter library, or brings 8.24 samples
  * with headroom to 16 bits, by its limiter library.
  *
+ * @code
+ * // Limits stereo 8.24 to 16 bits. Returns the bytes written, 0 when the limiter can't be set up.
+ * uint32_t limit(const unsigned char* src, uint32_t srcBytes, unsigned char* dst, uint32_t capacity) {
  *   KesAudioBitConverterC converter;
+ *   uint32_t left = srcBytes, written = 0;
  *   InitKesAudioBitConverterC(&converter);
- *   converter.Open(&converter, 48000, 2, KES_CONVERT_LIMITER);
- *   converter.Process(&converter, src, &inBytes, dst, &outBytes);    block after block
+ *   if (converter.Open(&converter, 48000, 2, KES_CONVERT_LIMITER) != KES_OK) return 0;
+ *   while (left > 0) {
+ *     uint32_t rest = left, made = capacity - written;
+ *     if (converter.Process(&converter, src, &rest, dst + written, &made) != KES_OK) break;
+ *     written += made;
+ *     if (rest == left) break; // no room, or less than a frame
+ *     src += left - rest;      // rest: bytes not consumed, offered again
+ *     left = rest;
+ *   }
  *   converter.Close(&converter);
+ *   return written;
+ * }
+ * @endcode
+ *
+ * WARNING: types that do nothing leave both counts: end a loop when nothing was consumed, as this one does, and count
+ * no bytes as made.
  *
  * The record's operations come in an order of their own, Open first.
  *
@@ -22,7 +40,7 @@
 
 #include <kesaudio/types.h>
 
-/* What Process does.
+/** What Process does.
  *
  *   value          Process                                          SetParameter
  *   0 .. 11        the shifter library's conversion of that number  takes it
@@ -35,91 +53,93 @@
  */
 typedef uint32_t ConvertType;
 
-/* The values of ConvertType that have a name, with what our shifter does to a sample: full scale stays full scale. */
+/** The values of ConvertType that have a name, with what our shifter does to a sample: full scale stays full scale.
+ */
 enum {
-  KES_CONVERT_S16_TO_S32 = 0,    /* exact */
-  KES_CONVERT_S16_TO_Q8_24 = 1,  /* exact */
-  KES_CONVERT_S16_TO_S24 = 2,    /* exact */
-  KES_CONVERT_S32_TO_S16 = 3,    /* rounded, clamped */
-  KES_CONVERT_S32_TO_Q8_24 = 4,  /* rounded */
-  KES_CONVERT_S32_TO_S24 = 5,    /* rounded, clamped */
-  KES_CONVERT_Q8_24_TO_S16 = 6,  /* rounded, clamped */
-  KES_CONVERT_Q8_24_TO_S32 = 7,  /* exact up to full scale, clamped beyond */
-  KES_CONVERT_Q8_24_TO_S24 = 8,  /* rounded, clamped */
-  KES_CONVERT_S24_TO_S16 = 9,    /* rounded, clamped */
-  KES_CONVERT_S24_TO_S32 = 10,   /* exact */
-  KES_CONVERT_S24_TO_Q8_24 = 11, /* exact */
-  KES_CONVERT_NOTHING = 12,      /* and from here on, but for the limiter */
-  KES_CONVERT_LIMITER = 256,     /* 8.24 with headroom to 16 bits, by the limiter library */
-  KES_CONVERT_RESERVED = 257,    /* nothing */
-  KES_CONVERT_UNSET = 0xFFFF     /* after the initialisation */
+  KES_CONVERT_S16_TO_S32 = 0,    /**< exact */
+  KES_CONVERT_S16_TO_Q8_24 = 1,  /**< exact */
+  KES_CONVERT_S16_TO_S24 = 2,    /**< exact */
+  KES_CONVERT_S32_TO_S16 = 3,    /**< rounded, clamped */
+  KES_CONVERT_S32_TO_Q8_24 = 4,  /**< rounded */
+  KES_CONVERT_S32_TO_S24 = 5,    /**< rounded, clamped */
+  KES_CONVERT_Q8_24_TO_S16 = 6,  /**< rounded, clamped */
+  KES_CONVERT_Q8_24_TO_S32 = 7,  /**< exact up to full scale, clamped beyond */
+  KES_CONVERT_Q8_24_TO_S24 = 8,  /**< rounded, clamped */
+  KES_CONVERT_S24_TO_S16 = 9,    /**< rounded, clamped */
+  KES_CONVERT_S24_TO_S32 = 10,   /**< exact */
+  KES_CONVERT_S24_TO_Q8_24 = 11, /**< exact */
+  KES_CONVERT_NOTHING = 12,      /**< and from here on, but for the limiter */
+  KES_CONVERT_LIMITER = 256,     /**< the limiter library; ours takes 8.24 with headroom, gives 16 bits */
+  KES_CONVERT_RESERVED = 257,    /**< nothing */
+  KES_CONVERT_UNSET = 0xFFFF     /**< after the initialisation */
 };
 
-/* What the limiter library is told of the stream: four words, 16 bytes, no padding. */
+/** What the limiter library is told of the stream: four words, 16 bytes, no padding. */
 typedef struct LimiterParam {
-  uint32_t channels;   /* per frame, on both sides */
-  uint32_t sampleRate; /* Hz */
-  uint32_t reserved0;  /* 0 */
-  uint32_t reserved1;  /* 0 */
+  uint32_t channels;   /**< per frame, on both sides */
+  uint32_t sampleRate; /**< Hz */
+  uint32_t reserved0;  /**< 0 */
+  uint32_t reserved1;  /**< 0 */
 } LimiterParam;
 
-/* Parameter IDs of SetParameter, and the member that each writes. */
+/** Parameter IDs of SetParameter, and the member that each writes. */
 enum {
-  KES_BIT_PARAM_CONVERT_TYPE = 0, /* mConvertType: 0 to 12, 256, 257 */
-  KES_BIT_PARAM_SAMPLE_RATE = 2,  /* mSampleRate: any */
-  KES_BIT_PARAM_CHANNELS = 4      /* mChannels: 1 or 2 */
+  KES_BIT_PARAM_CONVERT_TYPE = 0, /**< mConvertType: 0 to 12, 256, 257 */
+  KES_BIT_PARAM_SAMPLE_RATE = 2,  /**< mSampleRate: any */
+  KES_BIT_PARAM_CHANNELS = 4      /**< mChannels: 1 or 2 */
 };
 
 typedef struct KesAudioBitConverterC KesAudioBitConverterC;
 
-/* The record: the operations, then what they keep. */
+/** The record: the operations, then what they keep. */
 struct KesAudioBitConverterC {
-  /* State 1 to 2: stores the arguments, unchecked, and forgets any earlier limiter. For KES_CONVERT_LIMITER, and
-   * neither number 0, sets the limiter up: asks its library for its buffer sizes, allocates both (none for a size of
-   * 0) and opens it. KES_REFUSED in state 2 (nothing changes) or out of memory: then nothing stays allocated, and the
-   * members hold the arguments. */
+  /** KES_STATE_CLOSED to KES_STATE_OPEN: stores the arguments, unchecked, and forgets any earlier limiter. For
+   * KES_CONVERT_LIMITER, and neither number 0, sets the limiter up: asks its library for its buffer sizes, allocates
+   * both (none for a size of 0) and opens it. KES_REFUSED in KES_STATE_OPEN (nothing changes) or out of memory: then
+   * nothing stays allocated, and the members hold the arguments. */
   uint32_t (*Open)(KesAudioBitConverterC* handle, uint32_t sampleRate, uint32_t channels, ConvertType convertType);
 
-  /* Any state: frees both buffers and enters state 1. Always KES_OK. */
+  /** Any state: frees both buffers and enters KES_STATE_CLOSED. Always KES_OK. */
   uint32_t (*Close)(KesAudioBitConverterC* handle);
 
-  /* State 1: stores value into the member of the ID; KES_BAD_PARAMETER, and nothing is stored, for a value out of the
-   * list above or an unknown ID. KES_REFUSED in state 2. Open replaces all three, so what is stored here never
-   * reaches Process. */
+  /** KES_STATE_CLOSED: stores value into the member of the ID; KES_BAD_PARAMETER, and nothing is stored, for a value
+   * out of the list above or an unknown ID. KES_REFUSED in KES_STATE_OPEN. Open replaces all three, so what is stored
+   * here never reaches Process: there is no need to call it. */
   uint32_t (*SetParameter)(KesAudioBitConverterC* handle, int32_t paramID, uint32_t value);
 
-  /* Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. */
+  /** Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. There is no
+   * need to call it. */
   uint32_t (*GetParameter)(KesAudioBitConverterC* handle, int32_t paramID, void* value);
 
-  /* Has the limiter forget the stream so far, when Open set one up. Always KES_OK. */
+  /** Has the limiter forget the stream so far, when Open set one up. Always KES_OK. */
   uint32_t (*Reset)(KesAudioBitConverterC* handle);
 
-  /* Converts a block.
+  /** Converts a block.
    *
    *   src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
    *   dst, outBytes   in: capacity of dst. Out: bytes that the library made.
    *
    * Types that do nothing leave the buffers and both counts as they were. Returns KES_OK; or KES_REFUSED, and touches
-   * nothing, in state 1, or for KES_CONVERT_LIMITER when Open set no limiter up or the library
+   * nothing, in KES_STATE_CLOSED, or for KES_CONVERT_LIMITER when Open set no limiter up or the library
    * gave it no instance (ours takes 1 or 2 channels). Pointers and counts are not checked,
    * and what the libraries return is not looked at. */
   uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
-  ConvertType mConvertType;   /* what Process does */
-  uint32_t mChannels;         /* per frame; only the limiter asks */
-  uint32_t mSampleRate;       /* Hz; only the limiter asks */
-  void* mpTempBuf;            /* the limiter's scratch for every block; null when there is none */
-  void* mpInternalBuf;        /* the limiter's memory of the stream; null when there is none */
-  uint32_t mTempBufSize;      /* bytes, as the limiter asked for when it was last set up */
-  uint32_t mInternalBufSize;  /* bytes, likewise */
-  LimiterParam mLimiterParam; /* the stream, as Open told the limiter of it */
-  void* mpLimiter;            /* the limiter's instance; null when Open set none up */
-  ComponentState mState;      /* changed by Open and Close alone */
+  ConvertType mConvertType;   /**< what Process does */
+  uint32_t mChannels;         /**< per frame; only the limiter asks */
+  uint32_t mSampleRate;       /**< Hz; only the limiter asks */
+  void* mpTempBuf;            /**< the limiter's scratch for every block; null when there is none */
+  void* mpInternalBuf;        /**< the limiter's memory of the stream; null when there is none */
+  uint32_t mTempBufSize;      /**< bytes, as the limiter asked for when it was last set up */
+  uint32_t mInternalBufSize;  /**< bytes, likewise */
+  LimiterParam mLimiterParam; /**< the stream, as Open told the limiter of it */
+  void* mpLimiter;            /**< the limiter's instance; null when Open set none up */
+  ComponentState mState;      /**< changed by Open and Close alone */
 };
 
-/* Fills the operations, sets mConvertType to KES_CONVERT_UNSET, mState to 1 and every other member to 0, whatever the
- * record held before: it frees nothing. Logs nothing. */
+/** Fills the operations, sets mConvertType to KES_CONVERT_UNSET, mState to KES_STATE_CLOSED and every other member to
+ * 0, whatever the record held before: it frees nothing. Logs nothing. */
 KESAUDIO_API void InitKesAudioBitConverterC(KesAudioBitConverterC* handle);
 
 #endif

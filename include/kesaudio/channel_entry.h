@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The two entry points of channel conversion: they work out how much of the input fits into the output, rewrite the
+/** @file
+ * The two entry points of channel conversion: they work out how much of the input fits into the output, rewrite the
  * two byte counts and call one kernel (channel_kernels.h).
  *
  * Common to both:
@@ -43,7 +44,7 @@
 
 #include <kesaudio/types.h>
 
-/* Converts to as many or fewer channels. Always returns KES_OK; with fewer input than output channels it does
+/** Converts to as many or fewer channels. Always returns KES_OK; with fewer input than output channels it does
  * nothing else. mask is the layout of the input. The kernel:
  *
  *   outChannels   mask            kernel
@@ -57,7 +58,7 @@ KESAUDIO_API uint32_t Audio_Channel_Downmix(uint32_t inChannels, uint32_t outCha
                                             const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes,
                                             ChannelMask mask);
 
-/* Converts to as many or more channels: channel_UpMix_Duplicate for a zeroFill of 0, channel_UpMix_WithZero for any
+/** Converts to as many or more channels: channel_UpMix_Duplicate for a zeroFill of 0, channel_UpMix_WithZero for any
  * other. Returns KES_OK, or -1 and changes nothing with more input than output channels. */
 KESAUDIO_API int32_t Audio_Channel_Upmix(uint32_t inChannels, uint32_t outChannels, PcmFormat format, const void* src,
                                          uint32_t* inBytes, void* dst, uint32_t* outBytes, uint32_t zeroFill);

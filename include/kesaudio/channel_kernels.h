@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The channel kernels: each converts one block of interleaved PCM from srcChannels to dstChannels channels.
+/** @file
+ * The channel kernels: each converts one block of interleaved PCM from srcChannels to dstChannels channels.
  *
  * Common to all of them:
  *
@@ -22,28 +23,28 @@
  *
  * In place: a downmix may have dst == src when an output frame is no longer than an input frame; an upmix may have
  * dst == src, or dst any number of bytes after src in one buffer, when the buffer is large enough for the output. The
- * result is that of separate blocks. Other overlaps are not supported unless the function says so. Upmixes of separate
- * blocks are the faster ones.
+ * result is that of separate blocks. Other overlaps are not supported unless the function says so. Upmixes of
+ * separate blocks are the faster ones.
  *
  * Arithmetic: a product with a gain is shifted right arithmetically, so it rounds towards minus infinity, each term
  * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped
  * (the 32-bit fold needs no clamp: it cannot leave the range).
  *
  * The one gain is 46346 / 2^15 = 1.41437 (+3.01 dB), below written g(x) = (x * 46346) >> 15. It is not 46341, the
- * nearest to the square root of two: results are the platform's, bit for bit.
+ * nearest to the square root of two: 46346 is part of the contract.
  */
 #ifndef KESAUDIO_CHANNEL_KERNELS_H
 #define KESAUDIO_CHANNEL_KERNELS_H
 
 #include <kesaudio/types.h>
 
-/* Keeps the first dstChannels samples of each frame, bit for bit, and drops the rest.
+/** Keeps the first dstChannels samples of each frame, bit for bit, and drops the rest.
  * Writes frames * dstChannels * sample bytes. Needs dstChannels <= srcChannels; writes nothing otherwise, since the
  * last frame would be read past its end. In place, dst may also lie any number of bytes before src. */
 KESAUDIO_API void channel_DownMix_Strip(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                         int32_t byteCount, PcmFormat format);
 
-/* Folds all channels of a frame into one value and writes it to every output channel.
+/** Folds all channels of a frame into one value and writes it to every output channel.
  * Writes frames * dstChannels * sample bytes; dstChannels may exceed srcChannels in separate blocks. Per frame:
  *
  *   16-bit, 24-bit   clamp(g(s0) + g(s1) + ...)
@@ -54,17 +55,17 @@ KESAUDIO_API void channel_DownMix_Strip(void* dst, int32_t dstChannels, const vo
 KESAUDIO_API void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                                 int32_t byteCount, PcmFormat format);
 
-/* Averages all channels of a frame: (s0 + s1 + ...) / srcChannels, rounded towards zero.
+/** Averages all channels of a frame: (s0 + s1 + ...) / srcChannels, rounded towards zero.
  * Writes frames * sample bytes: one sample a frame, whatever dstChannels says (it is ignored, 0 and less too). */
 KESAUDIO_API void channel_DownMix_Fold_Mono_Average(void* dst, int32_t dstChannels, const void* src,
                                                     int32_t srcChannels, int32_t byteCount, PcmFormat format);
 
-/* Calls channel_DownMix_Fold_Mono_Average for mask 0 and channel_DownMix_Fold_Minus3dB for any other mask, with its
+/** Calls channel_DownMix_Fold_Mono_Average for mask 0 and channel_DownMix_Fold_Minus3dB for any other mask, with its
  * own first six arguments: the fold then writes dstChannels samples a frame, not one. */
 KESAUDIO_API void channel_DownMix_To_Mono(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                           int32_t byteCount, PcmFormat format, ChannelMask mask);
 
-/* Mixes to stereo, left then right. The mask names the layout of the input frame:
+/** Mixes to stereo, left then right. The mask names the layout of the input frame:
  *
  *   mask               frame starts with       left                         right
  *   0x7, 0xB, 0x103    FL FR and FC|LFE|BC     s0 + g(s2)                   s1 + g(s2)
@@ -85,7 +86,7 @@ KESAUDIO_API void channel_DownMix_To_Mono(void* dst, int32_t dstChannels, const 
 KESAUDIO_API void channel_DownMix_To_Stereo(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                             int32_t byteCount, PcmFormat format, ChannelMask mask);
 
-/* Calls one kernel, chosen by dstChannels and mask, with its own arguments:
+/** Calls one kernel, chosen by dstChannels and mask, with its own arguments:
  *
  *   dstChannels   mask        kernel
  *   2             any         channel_DownMix_To_Stereo
@@ -96,13 +97,13 @@ KESAUDIO_API void channel_DownMix_To_Stereo(void* dst, int32_t dstChannels, cons
 KESAUDIO_API void channel_DownMix_FOLD(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                        int32_t byteCount, PcmFormat format, ChannelMask mask);
 
-/* Keeps the input channels where they are and adds silent ones (all bytes zero) behind them, bit for bit.
+/** Keeps the input channels where they are and adds silent ones (all bytes zero) behind them, bit for bit.
  * Writes frames * dstChannels * sample bytes. Writes nothing for dstChannels < srcChannels, and nothing when the
  * output would be 2^31 bytes or more. */
 KESAUDIO_API void channel_UpMix_WithZero(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                          int32_t byteCount, PcmFormat format);
 
-/* Repeats the input channels in turn: output channel j is input channel j mod srcChannels, bit for bit.
+/** Repeats the input channels in turn: output channel j is input channel j mod srcChannels, bit for bit.
  * Writes frames * dstChannels * sample bytes; nothing when that would be 2^31 bytes or more. dstChannels below
  * srcChannels takes the first dstChannels channels, in separate blocks only. */
 KESAUDIO_API void channel_UpMix_Duplicate(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Everything that kesaudio offers. */
+/** @file
+ * Everything that kesaudio offers. */
 #ifndef KESAUDIO_KESAUDIO_H
 #define KESAUDIO_KESAUDIO_H
 

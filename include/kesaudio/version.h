@@ -1,16 +1,23 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The one home of the version: the build and the packages read it from here. */
+/** @file
+ * The one home of the version: the build and the packages read it from here. */
 #ifndef KESAUDIO_VERSION_H
 #define KESAUDIO_VERSION_H
 
-/* Raised by a release that callers may have to change for. */
+#include <kesaudio/types.h>
+
+/** Raised by a release that callers may have to change for. */
 #define KESAUDIO_VERSION_MAJOR 0
-/* Raised by one that only adds. */
+/** Raised by one that only adds. */
 #define KESAUDIO_VERSION_MINOR 1
-/* Raised by one that only corrects. */
+/** Raised by one that only corrects. */
 #define KESAUDIO_VERSION_PATCH 0
 
-/* The same as one number that grows with every release, e.g. 10203 for 1.2.3. */
+/** The same as one number that grows with every release, e.g. 10203 for 1.2.3. */
 enum { KESAUDIO_VERSION = KESAUDIO_VERSION_MAJOR * 10000 + KESAUDIO_VERSION_MINOR * 100 + KESAUDIO_VERSION_PATCH };
+
+/** KESAUDIO_VERSION of the library that is loaded, which may differ from the headers that a program was built with.
+ * Any thread. */
+KESAUDIO_API uint32_t kes_version(void);
 
 #endif
