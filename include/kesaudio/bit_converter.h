@@ -42,11 +42,11 @@
 
 /** What Process does.
  *
- *   value          Process                                          SetParameter
- *   0 .. 11        the shifter library's conversion of that number  takes it
- *   12, 257        nothing                                          takes it
- *   256            the limiter                                      takes it
- *   0xFFFF, other  nothing                                          refuses it (Open stores it)
+ *     value          Process                                          SetParameter
+ *     0 .. 11        the shifter library's conversion of that number  takes it
+ *     12, 257        nothing                                          takes it
+ *     256            the limiter                                      takes it
+ *     0xFFFF, other  nothing                                          refuses it (Open stores it)
  *
  * On a device the platform's library says what 0 to 11 mean. Ours, elsewhere, has the pairs of the sample formats in
  * order: KES_CONVERT_S16_TO_S32 and so on.
@@ -116,8 +116,8 @@ struct KesAudioBitConverterC {
 
   /** Converts a block.
    *
-   *   src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
-   *   dst, outBytes   in: capacity of dst. Out: bytes that the library made.
+   *     src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
+   *     dst, outBytes   in: capacity of dst. Out: bytes that the library made.
    *
    * Types that do nothing leave the buffers and both counts as they were. Returns KES_OK; or KES_REFUSED, and touches
    * nothing, in KES_STATE_CLOSED, or for KES_CONVERT_LIMITER when Open set no limiter up or the library

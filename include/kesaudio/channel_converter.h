@@ -79,11 +79,11 @@ struct KesAudioChannelConverterInC {
 
   /** Converts as much of src as fits into dst. inBytes and outBytes as in channel_entry.h, with one exception:
    *
-   *   mInChannels > mOutChannels   Audio_Channel_Downmix with mChannelMask if mChannelMaskValid is 1, else with
-   *                                0xFFFF; the mask used is stored in mChannelMask
-   *   mInChannels < mOutChannels   Audio_Channel_Upmix with mUpmixMode as zeroFill
-   *   equal                        nothing is converted or written and both counts stay as they were: the input is
-   *                                the result. WARNING: a loop until inBytes is 0 never ends
+   *     mInChannels > mOutChannels   Audio_Channel_Downmix with mChannelMask if mChannelMaskValid is 1, else with
+   *                                  0xFFFF; the mask used is stored in mChannelMask
+   *     mInChannels < mOutChannels   Audio_Channel_Upmix with mUpmixMode as zeroFill
+   *     equal                        nothing is converted or written and both counts stay as they were: the input is
+   *                                  the result. WARNING: a loop until inBytes is 0 never ends
    *
    * Returns KES_OK; or KES_REFUSED, and nothing changes, in KES_STATE_CLOSED, with a null src or dst, or with a count
    * of 0. The count pointers are not checked. In place as the kernels allow. */

@@ -5,33 +5,33 @@
  *
  * Common to both:
  *
- *   inChannels   channels per input frame.
- *   outChannels  channels per output frame.
- *   format       handed to the kernel as it is. The counts do not depend on it: with a format that no kernel
- *                converts they are rewritten all the same, and dst stays as it was.
- *   src, dst     must be valid for what is converted; in place as the kernel allows.
- *   inBytes      in: bytes available in src. Out: bytes not converted; keep them for the next call.
- *   outBytes     in: capacity of dst in bytes. Out: the bytes that the input needs, or, when dst was the limit, still
- *                the capacity. With whole frames on both sides, that is the bytes written.
+ *     inChannels   channels per input frame.
+ *     outChannels  channels per output frame.
+ *     format       handed to the kernel as it is. The counts do not depend on it: with a format that no kernel
+ *                  converts they are rewritten all the same, and dst stays as it was.
+ *     src, dst     must be valid for what is converted; in place as the kernel allows.
+ *     inBytes      in: bytes available in src. Out: bytes not converted; keep them for the next call.
+ *     outBytes     in: capacity of dst in bytes. Out: the bytes that the input needs, or, with dst the limit, still
+ *                  the capacity. With whole frames on both sides, that is the bytes written.
  *
  * The accounting, in 32-bit unsigned arithmetic that wraps, x / 0 taken as 0, divisions rounded down:
  *
- *   need = inBytes / inChannels * outChannels
- *   outBytes >= need   converts inBytes;                           outBytes := need,   inBytes := 0
- *   otherwise          converts n = outBytes / outChannels * inChannels;               inBytes := inBytes - n
+ *     need = inBytes / inChannels * outChannels
+ *     outBytes >= need   converts inBytes;                           outBytes := need,   inBytes := 0
+ *     otherwise          converts n = outBytes / outChannels * inChannels;               inBytes := inBytes - n
  *
  * For example 6 to 2 channels of 16 bits, 1200 bytes (100 frames) offered:
  *
- *   capacity  1000  ->  1200 converted, inBytes   0, outBytes 400
- *   capacity   300  ->   900 converted, inBytes 300, outBytes 300
- *   capacity   301  ->   900 converted, inBytes 300, outBytes 301 (300 were written)
+ *     capacity  1000  ->  1200 converted, inBytes   0, outBytes 400
+ *     capacity   300  ->   900 converted, inBytes 300, outBytes 300
+ *     capacity   301  ->   900 converted, inBytes 300, outBytes 301 (300 were written)
  *
  * Offer whole frames, and a capacity of whole frames. A partial frame is counted, but never converted:
  *
- *   at the end of the input       it counts as converted and is lost, and outBytes counts its share
- *   at the end of a capacity      it stays unwritten. Where it has outChannels bytes or more (a capacity of 302 in
- *   that is the limit             the example: 906 bytes taken), the input's share of it counts as converted and is
- *                                 lost: the rest of the input begins inside a frame, its channels displaced
+ *     at the end of the input       it counts as converted and is lost, and outBytes counts its share
+ *     at the end of a capacity      it stays unwritten. Where it has outChannels bytes or more (a capacity of 302 in
+ *     that is the limit             the example: 906 bytes taken), the input's share of it counts as converted and is
+ *                                   lost: the rest of the input begins inside a frame, its channels displaced
  *
  * The kernels take signed 32-bit counts. With 2^31 channels or more on a side, with 2^31 bytes to convert, or with an
  * upmix to 2^31 bytes, the counts are rewritten as always and nothing is written: offer smaller blocks.
@@ -47,12 +47,12 @@
 /** Converts to as many or fewer channels. Always returns KES_OK; with fewer input than output channels it does
  * nothing else. mask is the layout of the input. The kernel:
  *
- *   outChannels   mask            kernel
- *   1             0               channel_DownMix_Fold_Mono_Average
- *   1             other           channel_DownMix_Fold_Minus3dB
- *   2             any             channel_DownMix_To_Stereo, with the mask
- *   any other     0 or 0xFFFF     channel_DownMix_Strip
- *   any other     other           channel_DownMix_Fold_Minus3dB
+ *     outChannels   mask            kernel
+ *     1             0               channel_DownMix_Fold_Mono_Average
+ *     1             other           channel_DownMix_Fold_Minus3dB
+ *     2             any             channel_DownMix_To_Stereo, with the mask
+ *     any other     0 or 0xFFFF     channel_DownMix_Strip
+ *     any other     other           channel_DownMix_Fold_Minus3dB
  */
 KESAUDIO_API uint32_t Audio_Channel_Downmix(uint32_t inChannels, uint32_t outChannels, PcmFormat format,
                                             const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes,

@@ -4,15 +4,15 @@
  *
  * Common to all of them:
  *
- *   dst          output block. Exactly the output frames are written: no byte before, between or after them.
- *   dstChannels  channels per output frame.
- *   src          input block. At most the whole input frames are read.
- *   srcChannels  channels per input frame. 1 to 8 are the usual ones; more work too, with the same results, as long
- *                as a frame's sum fits in 32 bits, beyond which it wraps: 24-bit folds of up to 181 channels, 24-bit
- *                averages of 256, 16-bit folds of 46336, 16-bit averages of 65536. 32-bit sums always fit.
- *   byteCount    input bytes. frames = byteCount / sample bytes / srcChannels, each division rounded down; a partial
- *                frame at the end is ignored.
- *   format       sample format of both blocks: KES_PCM_S16, KES_PCM_S32, KES_PCM_Q8_24 or KES_PCM_S24_PACKED.
+ *     dst          output block. Exactly the output frames are written: no byte before, between or after them.
+ *     dstChannels  channels per output frame.
+ *     src          input block. At most the whole input frames are read.
+ *     srcChannels  channels per input frame. 1 to 8 are the usual ones; more work too, with the same results, as long
+ *                  as a frame's sum fits in 32 bits, beyond which it wraps: 24-bit folds of up to 181 channels,
+ *                  24-bit averages of 256, 16-bit folds of 46336, 16-bit averages of 65536. 32-bit sums always fit.
+ *     byteCount    input bytes. frames = byteCount / sample bytes / srcChannels, each division rounded down; a
+ *                  partial frame at the end is ignored.
+ *     format       sample format of both blocks: KES_PCM_S16, KES_PCM_S32, KES_PCM_Q8_24 or KES_PCM_S24_PACKED.
  *
  * Nothing at all is written for any other format, for less than one frame, for a byteCount or srcChannels of 0 or
  * less, and (but for the mono average and the stereo mixes, as they say) for a dstChannels of 0 or less. Nothing is
@@ -28,7 +28,12 @@
  *
  * Arithmetic: a product with a gain is shifted right arithmetically, so it rounds towards minus infinity, each term
  * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped
- * (the 32-bit fold needs no clamp: it cannot leave the range).
+ * (the 32-bit fold needs no clamp: it cannot leave the range, but is 6.02 * (1 + ceil(log2 n)) dB quieter than the
+ * 16-bit one of n channels: 24.1 dB for 6).
+ *
+ * 5.1 to stereo can gain 15.3 dB (1 + 1.414 + 2 + 1.414 = 5.83 per side) and is then clamped at full scale. To keep
+ * such peaks, convert to 8.24 first, mix there (8.24 has 42 dB of headroom), and bring the result to 16 bits by the
+ * bit converter's limiter.
  *
  * The one gain is 46346 / 2^15 = 1.41437 (+3.01 dB), below written g(x) = (x * 46346) >> 15. It is not 46341, the
  * nearest to the square root of two: 46346 is part of the contract.
@@ -47,8 +52,8 @@ KESAUDIO_API void channel_DownMix_Strip(void* dst, int32_t dstChannels, const vo
 /** Folds all channels of a frame into one value and writes it to every output channel.
  * Writes frames * dstChannels * sample bytes; dstChannels may exceed srcChannels in separate blocks. Per frame:
  *
- *   16-bit, 24-bit   clamp(g(s0) + g(s1) + ...)
- *   32-bit, 8.24     k(s0) + k(s1) + ..., k(x) = (x * 46346) >> (16 + ceil(log2(srcChannels)))
+ *     16-bit, 24-bit   clamp(g(s0) + g(s1) + ...)
+ *     32-bit, 8.24     k(s0) + k(s1) + ..., k(x) = (x * 46346) >> (16 + ceil(log2(srcChannels)))
  *
  * Despite the name each 16-bit and 24-bit channel is raised by 3.01 dB. A 32-bit sum is not clamped, so its terms
  * leave room: srcChannels <= 2^ceil(log2(srcChannels)) keeps the sum within 0.7072 of full scale. */
@@ -67,12 +72,12 @@ KESAUDIO_API void channel_DownMix_To_Mono(void* dst, int32_t dstChannels, const 
 
 /** Mixes to stereo, left then right. The mask names the layout of the input frame:
  *
- *   mask               frame starts with       left                         right
- *   0x7, 0xB, 0x103    FL FR and FC|LFE|BC     s0 + g(s2)                   s1 + g(s2)
- *   0x33               FL FR BL BR             s0 + g(s2)                   s1 + g(s3)
- *   0x3F               FL FR FC LFE BL BR      s0 + g(t) + g(s4)            s1 + g(t) + g(s5)
- *                                              with t = s2 + g(s3)
- *   any other          n channels              (s0 + s2 + s4 + ...) / n     (s1 + s3 + s5 + ...) / n
+ *     mask               frame starts with       left                         right
+ *     0x7, 0xB, 0x103    FL FR and FC|LFE|BC     s0 + g(s2)                   s1 + g(s2)
+ *     0x33               FL FR BL BR             s0 + g(s2)                   s1 + g(s3)
+ *     0x3F               FL FR FC LFE BL BR      s0 + g(t) + g(s4)            s1 + g(t) + g(s5)
+ *                                                with t = s2 + g(s3)
+ *     any other          n channels              (s0 + s2 + s4 + ...) / n     (s1 + s3 + s5 + ...) / n
  *
  * Each output is clamped to the sample range. t is clamped before it is scaled: to 16 bits for 16-bit samples, to 32
  * bits for the others. A 32-bit g saturates at 32 bits. The pairwise average divides by all n channels, so a stereo
@@ -88,11 +93,11 @@ KESAUDIO_API void channel_DownMix_To_Stereo(void* dst, int32_t dstChannels, cons
 
 /** Calls one kernel, chosen by dstChannels and mask, with its own arguments:
  *
- *   dstChannels   mask        kernel
- *   2             any         channel_DownMix_To_Stereo
- *   1             0           channel_DownMix_Fold_Mono_Average
- *   1             other       channel_DownMix_Fold_Minus3dB
- *   any other     any         channel_DownMix_Fold_Minus3dB
+ *     dstChannels   mask        kernel
+ *     2             any         channel_DownMix_To_Stereo
+ *     1             0           channel_DownMix_Fold_Mono_Average
+ *     1             other       channel_DownMix_Fold_Minus3dB
+ *     any other     any         channel_DownMix_Fold_Minus3dB
  */
 KESAUDIO_API void channel_DownMix_FOLD(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                        int32_t byteCount, PcmFormat format, ChannelMask mask);

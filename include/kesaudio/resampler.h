@@ -41,12 +41,12 @@
 /** Sample formats of the resampler, its own codes. The component looks at them for sizes only and hands them to the
  * library.
  *
- *   value  input         output
- *   0      16-bit        16-bit
- *   1      16-bit        32-bit
- *   2      32-bit        32-bit
- *   3      32-bit words  32-bit words: the library says which; ours takes them as 8.24
- *   4      accepted by SetParameter, but of no known size: Process logs an error and counts in bytes
+ *     value  input         output
+ *     0      16-bit        16-bit
+ *     1      16-bit        32-bit
+ *     2      32-bit        32-bit
+ *     3      32-bit words  32-bit words: the library says which; ours takes them as 8.24
+ *     4      accepted by SetParameter, but of no known size: Process logs an error and counts in bytes
  */
 typedef uint32_t ResamplerFormat;
 
@@ -107,18 +107,18 @@ struct KesAudioSrcInC {
 
   /** Resamples a block.
    *
-   *   src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
-   *   dst, outBytes   in: capacity of dst. Out: bytes in dst.
+   *     src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
+   *     dst, outBytes   in: capacity of dst. Out: bytes in dst.
    *
-   * A dst for inBytes * outSampleRate / inSampleRate (twice that for format 1) and one frame more takes all of the
-   * output; with less, the library leaves input, which the caller offers again. The blocks may have any address and
+   * A dst of kes_resampler_max_output bytes takes all of the output; with less, our library leaves input, which the
+   * caller offers again. The blocks may have any address and
    * must not overlap. The last output of a stream comes out when silence is fed behind it, as much as the library's
    * latency is.
    *
    * The first block since the initialisation (not since an open or a Reset) is made as long as the input is at the
    * output rate: the library's output, shorter by its latency, is moved to the end of
    *
-   *   inBytes [* 2 for 16 to 32 bits] * outSampleRate * outChannels / (inChannels * inSampleRate)
+   *     inBytes [* 2 for 16 to 32 bits] * outSampleRate * outChannels / (inChannels * inSampleRate)
    *
    * bytes, rounded down, then up to whole output frames, and to dst's capacity at most; zero bytes come before it.
    * That calculation is done in 32-bit unsigned arithmetic that wraps, and x / 0 is 0.

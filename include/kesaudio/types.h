@@ -22,13 +22,13 @@
 
 /** Sample format of a block, with the values of Android's audio formats. Samples are little-endian.
  *
- *   value  sample                            bytes  range
- *   1      signed 16-bit                     2      -32768 .. 32767
- *   3      signed 32-bit                     4      -2147483648 .. 2147483647
- *   4      8.24 fixed point in 32 bits       4      as 3: the channel kernels treat 4 exactly like 3
- *   6      signed 24-bit, packed             3      -8388608 .. 8388607, least significant byte first
- *   5      32-bit float                      4      no kernel converts it: the destination stays as it was
- *   other                                           as 5
+ *     value  sample                            bytes  range
+ *     1      signed 16-bit                     2      -32768 .. 32767
+ *     3      signed 32-bit                     4      -2147483648 .. 2147483647
+ *     4      8.24 fixed point in 32 bits       4      as 3: the channel kernels treat 4 exactly like 3
+ *     6      signed 24-bit, packed             3      -8388608 .. 8388607, least significant byte first
+ *     5      32-bit float                      4      no kernel converts it: the destination stays as it was
+ *     other                                           as 5
  */
 typedef uint32_t PcmFormat;
 
