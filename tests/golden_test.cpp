@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the kernels and the host's engines make of a fixed corpus stands in golden.txt: the same on every machine, by
-// every compiler, at every optimisation level. A line a call, and the CRC-32 of all its output. Kernels get 75 frames:
-// more than a step of the widest vectors, and not whole steps of any. All calls share one stream of noise, so a new one
-// goes to the end.
+// golden.txt holds the CRC-32 of the output of fixed calls, one a line: the same on every machine, by every compiler, at
+// every optimisation level. It is there for the host's engines, whose floating point no test calculates otherwise; the
+// oracle checks the kernels, of which a few rows suffice here to compare releases. They get 75 frames: more than a step
+// of the widest vectors, and not whole steps of any. Every call begins the same noise anew.
 #include <gtest/gtest.h>
 #include <zlib.h>
 
@@ -83,12 +83,13 @@ TEST_F(Golden, EveryCallMakesTheBitsThatItAlwaysMade) {
   std::ostringstream actual;
   int calls = 0;
   for (std::string line; std::getline(golden, line); ++calls) {
+    random_ = Random(2024);
     const Bytes output = outputOf(line);
     actual << line.substr(0, line.rfind(':')) << ": " << std::hex << std::setw(8) << std::setfill('0')
            << crc32_z(crc32(0, nullptr, 0), output.data(), output.size()) << '\n';
     EXPECT_TRUE(actual.str().ends_with(line + '\n')) << line;
   }
-  EXPECT_EQ(calls, 148);
+  EXPECT_EQ(calls, 38);
   if (!HasFailure()) return;
   std::ofstream("golden.actual.txt") << actual.str();
   std::cerr << "If the change is meant, replace " GOLDEN_FILE " by golden.actual.txt from the test's folder.\n";
