@@ -2,11 +2,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """Plants the faults of faults.txt one by one in a copy of the sources, and demands that a test turns red for each.
 
-Usage: run.py [PATTERN]    those in whose build, file and description it is found, a regular expression; without it,
+Usage: run.py [PATTERN]    those in whose build, place and description it is found, a regular expression; without it,
                            all
 
-A fault that no test finds, whose text is not in its file exactly once, or that does not compile is named at the end,
-and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
+A fault that no test finds, whose text is not in its function exactly once, or that does not compile is named at the
+end, and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
 """
 import concurrent.futures
 import os
@@ -22,27 +22,48 @@ BUILDS = {  # by the name that a section of the list begins with
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
     "debug": "-DCMAKE_CXX_FLAGS_DEBUG=-g -DKESAUDIO_BUILD_TOOLS=OFF",
     "aarch64": "--toolchain cmake/aarch64-linux.cmake -DKESAUDIO_BUILD_TOOLS=OFF",
-    "asan": "--preset asan -DKESAUDIO_LEVELS=x86-64-v3 -DKESAUDIO_FUZZ_SECONDS=60",  # whose fuzz programs are tests
 }
 OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAKE_C_FLAGS_DEBUG=-O1 -DKESAUDIO_LEVELS= "
            "-DKESAUDIO_BUILD_BENCH=OFF -DKESAUDIO_INSTALL=OFF")
 
+TARGETS = {"quality": "palix_test", "kesconvert": "kesconvert", "binary": "golden_test", "abi": "kesaudio"}
+
 
 def read_list(pattern):
-    """The faults by build: (file, description, text there, text put there, tests)."""
-    faults, texts, tests = {}, {}, None
-    for block in re.split(r"\n{2,}", (ROOT / "tests/mutants/faults.txt").read_text().strip()):
-        lines = [line for line in block.split("\n") if not line.startswith("#")]
-        if lines and lines[0].startswith("== "):
-            build, tests = re.fullmatch(r"== (\S+): (.+)", lines.pop(0)).groups()
-        if not lines:
-            continue
-        if len(lines) > 1:
-            texts[lines[0]] = ["\n".join(line[2:] for line in lines if line.startswith(sign)) for sign in "-+"]
-        file, description = lines[0].split(": ", 1)
-        if re.search(pattern, f"{build} {lines[0]}"):
-            faults.setdefault(build, []).append((file, description, *texts[lines[0]], tests))
+    """The faults by build: (file, function, description, text there, text put there, test)."""
+    faults, build, test, place = {}, None, None, None
+    for line in (ROOT / "tests/mutants/faults.txt").read_text().splitlines():
+        if line.startswith("== "):
+            build, test = re.fullmatch(r"== (\S+): (.+)", line).groups()
+        elif line.startswith("  "):
+            old, new = re.fullmatch(r"  (.+) =>(.*)", line).groups()
+            if re.search(pattern, f"{build} {' '.join(place)}"):
+                faults.setdefault(build, []).append((*place, old, new.strip(), test))
+        elif line and not line.startswith("#"):
+            place = re.fullmatch(r"(\S+) (\S+): (.+)", line).groups()
     return faults
+
+
+def end_of_definition(text, at):
+    """Where what begins at a name ends: behind the block in braces, or the first semicolon before one."""
+    depth = 0
+    for match in re.compile(r"[(){};]").finditer(text, at):
+        sign = match.group()
+        depth += (sign in "({") - (sign in ")}")
+        if depth < 0 or (depth == 0 and sign in "};"):
+            return match.end()
+    return len(text)
+
+
+def planted(text, name, old, new):
+    """The text with the fault, or None unless the old text is in the definitions of that name exactly once."""
+    ends = {at: end_of_definition(text, at) for at in
+            (match.start() for match in re.finditer(rf"\b{re.escape(name)}\b", text))}
+    places = {at + match.start() for at, end in ends.items() for match in re.finditer(re.escape(old), text[at:end])}
+    if len(places) != 1:
+        return None
+    at = places.pop()
+    return text[:at] + new + text[at + len(old):]
 
 
 class Copy:
@@ -77,7 +98,8 @@ class Copy:
 
     def verdict(self, tests):
         """Whether it compiles, and the tests that fail."""
-        if self.run("cmake", "--build", "../build", "-j2").returncode != 0:
+        targets = [TARGETS.get(test, f"{test}_test") for test in tests.split()]
+        if self.run("cmake", "--build", "../build", "-j2", "--target", *targets).returncode != 0:
             return "does not compile"
         pattern = "^(" + "|".join(tests.split()) + ")$"
         result = self.run("ctest", "--test-dir", "../build", "-R", pattern, "--no-tests=error", "--stop-on-failure",
@@ -94,20 +116,21 @@ def try_build(name, faults):
     for tests in sorted({fault[-1] for fault in faults}):
         if (verdict := copy.verdict(tests)) != "green":
             return [f"{name}: without any fault: {verdict}; see {copy.folder}/log"]
-    for file, description, old, new, tests in faults:
+    for file, name_there, description, old, new, tests in faults:
         target = copy.source / file
-        text = target.read_text()
-        if text.count(old) != 1 or not old:
-            verdict = f"is there {text.count(old)} times"
+        text = target.read_text() if target.exists() else ""
+        faulty = planted(text, name_there, old, new)
+        if faulty is None:
+            verdict = "has no such place, or several"
         else:
             try:
-                target.write_text(text.replace(old, new))
+                target.write_text(faulty)
                 verdict = copy.verdict(tests)
             finally:
                 target.write_text(text)
-        print(f"{verdict:20} {name:9} {file}: {description}", flush=True)
+        print(f"{verdict:20} {name:9} {file} {name_there}: {description}", flush=True)
         if not verdict.startswith("red"):
-            bad.append(f"{name}: {file}: {description}: {verdict}")
+            bad.append(f"{name}: {file} {name_there}: {description}: {verdict}")
     return bad
 
 
