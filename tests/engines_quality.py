@@ -9,6 +9,7 @@ from ctypes import CDLL, byref, c_uint32, c_void_p
 
 import numpy as np
 from numpy.testing import assert_allclose, assert_array_equal
+from resampler_quality import RATE_PAIRS, decibels, measure
 
 FOLDER = sys.argv.pop(1) if len(sys.argv) > 1 else sys.exit(__doc__)
 # The resampler's formats: number, what is taken and what is made.
@@ -73,10 +74,6 @@ def run_sine(stream, amplitude, cycles, first, frames):
     return stream.run(np.rint(amplitude * 2**31 * sine(cycles * np.arange(first, first + frames)))) / 2**31
 
 
-def decibels(ratio):
-    return 20 * np.log10(ratio + 1e-12)
-
-
 class Resampler(unittest.TestCase):
     def test_level_noise_and_time_of_sines(self):
         """A sine of -1 dB full scale comes out where it belongs in time, at its level, and beside it nothing above
@@ -98,6 +95,15 @@ class Resampler(unittest.TestCase):
                 if loss:
                     self.assertAlmostEqual(decibels(gain / amplitude), 0, delta=loss)
                 self.assertLess(decibels(abs(output - gain * wave).max() / amplitude), -123)
+
+    def test_sounds_as_well_as_the_benchmark_says(self):
+        for rates in RATE_PAIRS:
+            with self.subTest(rates=rates):
+                quality = measure(
+                    lambda signal: resampler(*rates).run(np.rint(signal * 2**31)) / 2**31,
+                    lambda signal: resampler(*rates, S16).run(np.rint(signal * 2**15)) / 2**15, *rates)
+                self.assertTrue(quality.is_good(), quality)
+                self.assertGreater(quality.thd_n_16, 94)
 
     def test_rate_changes_without_a_click(self):
         """The sine goes on where it was, as if the new rate had begun at the first output after the change."""
