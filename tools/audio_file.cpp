@@ -339,6 +339,10 @@ void AudioSource::findLayout(int major) {
   } else {
     layout = layoutWithoutMap(major, format.channels);
     if (layout != 0) layoutOrigin = major == SF_FORMAT_FLAC ? "from FLAC's fixed order" : "from the channel count";
+    if (layout == 0 && (format.channels == 4 || format.channels == 6)) {
+      layout = standardLayout(format.channels);
+      layoutOrigin = fmt::format("assumed for {} channels without a map; --layout says otherwise", format.channels);
+    }
   }
 }
 
@@ -373,6 +377,8 @@ AudioSink::AudioSink(const OutputFile& file, int major, const StreamFormat& form
   if (isOneOf(major, {SF_FORMAT_RAW, SF_FORMAT_RF64, SF_FORMAT_W64, SF_FORMAT_CAF, SF_FORMAT_AU, SF_FORMAT_FLAC}))
     mostFrames_ = UINT64_MAX;
   checkLength(frames.value_or(0));
+  // Other programs know little-endian AIFC of 16 bits alone.
+  if (major == (SF_FORMAT_AIFF | SF_ENDIAN_LITTLE) && format.sampleBytes > 2) major = SF_FORMAT_AIFF;
 
   SF_INFO info = infoOf(format, major);
   if (!sf_format_check(&info))

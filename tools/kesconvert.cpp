@@ -19,7 +19,6 @@
 #include "failure.h"
 #include "files.h"
 #include "layout.h"
-#include "platform/limiter_lib.h"
 
 namespace kesconvert {
 namespace {
@@ -29,8 +28,8 @@ constexpr unsigned kMaxChannels = KES_CHANNEL_CONVERTER_MAX_CHANNELS;
 constexpr const char* kExamples = R"(Examples:
   kesconvert film.wav film-stereo.flac --channels 2
       A 5.1 recording to stereo; the layout is taken from the file.
-  kesconvert take.wav stereo.wav --channels 2 --layout quad
-      The file does not say where its four channels belong, so say it.
+  kesconvert take.wav stereo.wav --channels 2 --layout 4.0
+      The file does not say where its four channels belong, and they are not quad, so say it.
   kesconvert film.wav cd.wav --channels 2 --rate 44100
       Mixed first, then resampled: two channels instead of six.
   kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
@@ -40,8 +39,9 @@ constexpr const char* kExamples = R"(Examples:
   arecord -t raw -f S16_LE -r 48000 -c 2 | kesconvert - mono.wav --channels 1 --raw 48000:2:s16
       Raw PCM from a pipe.
 
-The layout comes from --layout, else from the file. Only a downmix to two channels depends on it: 3.0, 3.0-back, 2.1,
-quad and 5.1 have a mix of their own (5.1-side is mixed as 5.1), any other layout gets the pairwise average.)";
+The layout comes from --layout, else from the file; where neither says it, four channels are taken as quad and six as
+5.1. Only a downmix to two channels depends on it: 3.0, 3.0-back, 2.1, quad and 5.1 have a mix of their own, 5.1-side,
+5.0, 6.1 and 7.1 are mixed as 5.1, any other layout, and none, gets the pairwise average.)";
 
 struct Options {
   std::string in;
@@ -71,6 +71,15 @@ StreamFormat parseRaw(const std::string& text) {
   return {static_cast<int>(number(1)), number(2), number(3) / 8};
 }
 
+// "44.1k" as "44100"; anything else as it is.
+std::string parseRate(const std::string& text) {
+  std::smatch parts;
+  if (!std::regex_match(text, parts, std::regex("([0-9]{1,3})(?:\\.([0-9]{1,3}))?[kK]"))) return text;
+  std::string fraction = parts[2];
+  fraction.resize(3, '0');
+  return std::to_string(std::stoi(parts[1]) * 1000 + std::stoi(fraction));
+}
+
 ChannelMask parseLayoutOption(const std::string& text) {
   if (const auto layout = parseLayout(text)) return *layout;
   failUsage("--layout {} is unknown; use a mask like 0x3F or one of {}", text, layoutNames());
@@ -87,10 +96,12 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
                  "file of 16, 24 or 32-bit PCM: WAV, RF64, W64, AIFF, CAF, FLAC or AU; - is standard input")
       ->required();
   app.add_option("OUT", options.out, "file, its container by its extension; - is standard output, a WAV")->required();
-  app.add_option("--channels", options.channels, "channels of the output, as many as the input's if not given")
+  app.add_option("-c,--channels", options.channels, "channels of the output, as many as the input's if not given")
       ->check(CLI::Range(1u, kMaxChannels));
   CLI::Option* const rate =
-      app.add_option("--rate", options.rate, "sampling rate of the output in Hz, the input's if not given")
+      app.add_option("-r,--rate", options.rate,
+                     "sampling rate of the output in Hz or as 44.1k, the input's if not given")
+          ->transform(parseRate)
           ->check(CLI::Range(kLeastRate, kMostRate).description(fmt::format("{} to {}", kLeastRate, kMostRate)));
   app.add_flag("--multichannel", options.wishes.multichannel,
                "resample stereo too as every other number of channels: by the multichannel resampler")
@@ -246,11 +257,12 @@ void run(const Options& options) {
   const double time = progress.seconds();
   std::string loss = "nothing clipped";
   if (plan.limited)
-    loss = *plan.limited > LIMITER_THRESHOLD
-               ? fmt::format("limited by up to {:.2f} dB", limitedDecibels(*plan.limited))
+    loss = decibelsOver16Bits(*plan.limited) > 0
+               ? fmt::format("peaks up to {:.2f} dB over full scale limited", decibelsOver16Bits(*plan.limited))
                : "nothing to limit";
   else if (report.clippedSamples > 0)
-    loss = fmt::format("{} samples clipped or at full scale", report.clippedSamples);
+    loss = fmt::format("{} samples clipped or at full scale{}", report.clippedSamples,
+                       out.channels <= 2 ? "; --limit turns such peaks down" : "");
   say("done:   {} frames, {} to {} ch, {:.3f} s of audio in {:.3f} s ({:.0f} x real time), peak {:.2f} dBFS in, "
       "{:.2f} dBFS out, {}",
       report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),

@@ -4,12 +4,13 @@
 #include <kesaudio/kesaudio.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "failure.h"
-#include "platform/limiter_lib.h"
 
 namespace kesconvert {
 namespace {
@@ -20,6 +21,51 @@ ChannelMask stereoMixOf(ChannelMask layout) {
                                     KES_LAYOUT_5POINT1};
   if (layout == kLayout5Point1Side) return KES_LAYOUT_5POINT1;
   return std::ranges::find(kMixes, layout) != std::end(kMixes) ? layout : ChannelMask{KES_LAYOUT_NONE};
+}
+
+// Which channels of a layout make a 5.1 frame: the front four (-1: silent), and for the left and the right
+// surround one channel, or two of which it is the average.
+struct To5Point1 {
+  ChannelMask layout;
+  int front[4];
+  int surround[4];
+};
+constexpr To5Point1 kTo5Point1[] = {{0x37, {0, 1, 2, -1}, {3, -1, 4, -1}},   // 5.0
+                                    {0x607, {0, 1, 2, -1}, {3, -1, 4, -1}},  // 5.0-side
+                                    {0x13F, {0, 1, 2, 3}, {4, 6, 5, 6}},     // 6.1
+                                    {0x70F, {0, 1, 2, 3}, {5, 4, 6, 4}},     // 6.1-side
+                                    {0x63F, {0, 1, 2, 3}, {4, 6, 5, 7}}};    // 7.1
+
+void gather(const unsigned char* frames, std::size_t count, unsigned channels, unsigned bytes,
+            std::span<const int> sources, std::size_t outChannels, unsigned char* out) {
+  for (std::size_t frame = 0; frame < count; ++frame, frames += channels * bytes, out += outChannels * bytes)
+    for (std::size_t i = 0; i < sources.size(); ++i)
+      if (sources[i] >= 0) std::memcpy(out + i * bytes, frames + static_cast<unsigned>(sources[i]) * bytes, bytes);
+}
+
+// To stereo by way of 5.1.
+ProcessCall mixBy5Point1(const To5Point1& map, unsigned channels, PcmFormat pcm) {
+  return [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
+    const unsigned bytes = bytesOf(pcm);
+    const auto* const in = static_cast<const unsigned char*>(src);
+    const std::size_t frames = *inBytes / (channels * bytes);
+    std::vector<unsigned char> whole(frames * 6 * bytes);
+    gather(in, frames, channels, bytes, map.front, 6, whole.data());
+    if (map.surround[1] < 0) {
+      gather(in, frames, channels, bytes, std::array{map.surround[0], map.surround[2]}, 6,
+             whole.data() + std::size_t{4} * bytes);
+    } else {
+      std::vector<unsigned char> four(frames * 4 * bytes), two(frames * 2 * bytes);
+      gather(in, frames, channels, bytes, map.surround, 4, four.data());
+      auto left = static_cast<std::uint32_t>(four.size()), made = static_cast<std::uint32_t>(two.size());
+      Audio_Channel_Downmix(2, 1, pcm, four.data(), &left, two.data(), &made, KES_LAYOUT_NONE);
+      constexpr int kBoth[] = {0, 1};
+      gather(two.data(), frames, 2, bytes, kBoth, 6, whole.data() + std::size_t{4} * bytes);
+    }
+    auto left = static_cast<std::uint32_t>(whole.size());
+    Audio_Channel_Downmix(6, 2, pcm, whole.data(), &left, dst, outBytes, KES_LAYOUT_5POINT1);
+    *inBytes -= static_cast<std::uint32_t>(frames) * channels * bytes;
+  };
 }
 
 // A component's record, closed when the last user of it is gone.
@@ -53,6 +99,25 @@ ProcessCall bitConverter(const Form& in, ConvertType type) {
   return callOf(record, record->Process);
 }
 
+// The frames by which an impulse leaves the limiter later than it went in.
+unsigned limiterDelay(const Form& in) {
+  const ProcessCall process = bitConverter(in, KES_CONVERT_LIMITER);
+  std::vector<std::int32_t> block(in.channels * 1024u);
+  std::vector<std::int16_t> out(block.size());
+  std::ranges::fill_n(block.begin(), in.channels, 1 << 22);  // a quarter of full scale
+  for (unsigned delay = 0; delay < static_cast<unsigned>(in.rate);) {
+    auto left = static_cast<std::uint32_t>(block.size() * 4), made = static_cast<std::uint32_t>(out.size() * 2);
+    process(block.data(), &left, out.data(), &made);
+    if (made == 0) break;
+    const std::span samples(out.data(), made / 2);
+    const auto first = std::ranges::find_if(samples, [](std::int16_t sample) { return sample != 0; });
+    delay += static_cast<unsigned>(first - samples.begin()) / in.channels;
+    if (first != samples.end()) return delay;
+    std::ranges::fill(block, 0);
+  }
+  fail("the limiter gives no output; leave --limit out");
+}
+
 const char* nameOf(PcmFormat samples) {
   switch (samples) {
     case KES_PCM_S16: return "16-bit";
@@ -83,6 +148,7 @@ Mix mixTo(unsigned outChannels, const Form& in, ChannelMask layout, bool addSile
   Mix mix{{nullptr, in, {in.rate, outChannels, pcm}, ""}, standardLayout(outChannels)};
   std::string& description = mix.step.description;
   const ChannelMask named = stereoMixOf(layout);
+  const auto by5Point1 = std::ranges::find(kTo5Point1, layout, &To5Point1::layout);
   if (inChannels == outChannels) {
     description = "none, the channels are copied as they are";
     mix.layout = layout;
@@ -100,6 +166,14 @@ Mix mixTo(unsigned outChannels, const Form& in, ChannelMask layout, bool addSile
     mix.step.process = [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
       Audio_Channel_Downmix(inChannels, outChannels, pcm, src, inBytes, dst, outBytes, named);
     };
+  } else if (outChannels == 2 && by5Point1 != std::end(kTo5Point1)) {
+    mix.step.canClip = true;
+    description =
+        fmt::format("{} to 5.1, {}, then to stereo, by channel_DownMix_To_Stereo", describe(layout),
+                    by5Point1->front[3] < 0 ? "its LFE silent" : "other channels averaged into the surrounds");
+    if (positions(layout) < inChannels)
+      description += fmt::format("; channels from {} on are left out", positions(layout) + 1);
+    mix.step.process = mixBy5Point1(*by5Point1, inChannels, pcm);
   } else {
     mix.step.process = channelConverter(inChannels, outChannels, pcm);
     if (inChannels < outChannels) {
@@ -172,11 +246,12 @@ Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest) {
           in,
           {in.rate, in.channels, KES_PCM_S16},
           "8.24 to 16-bit, by the bit converter's limiter",
-          LIMITER_DELAY_FRAMES(static_cast<unsigned>(in.rate))};
+          limiterDelay(in)};
 }
 
-double limitedDecibels(std::uint32_t highest) {
-  return std::max(0.0, 20 * std::log10(static_cast<double>(highest) / LIMITER_THRESHOLD));
+double decibelsOver16Bits(std::uint32_t highest) {
+  constexpr double kHighest = 0x7FFF << 9;
+  return std::max(0.0, 20 * std::log10(highest / kHighest));
 }
 
 }  // namespace kesconvert

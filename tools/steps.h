@@ -63,8 +63,8 @@ Step shiftTo(PcmFormat samples, const Form& in);
 // The bit converter's limiter, from 8.24 to 16 bits. Notes in highest the greatest sample that went in.
 Step limit(const Form& in, const std::shared_ptr<std::uint32_t>& highest);
 
-// By how much the limiter turned a peak of that magnitude down.
-double limitedDecibels(std::uint32_t highest);
+// By how much an 8.24 peak is above the highest that 16 bits hold.
+double decibelsOver16Bits(std::uint32_t highest);
 
 }  // namespace kesconvert
 
