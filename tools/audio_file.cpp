@@ -138,6 +138,14 @@ bool isKnown(int fd) {
   return name == "riff" || name == "caff" || name == "fLaC" || name == ".snd" || name == "dns.";
 }
 
+// The kind of a compressed file that we do not take, from how it begins; empty for anything else.
+std::string_view compressedKind(int fd) {
+  const std::string name = readName(fd, 0);
+  if (name == "OggS") return "Ogg";
+  if (name.starts_with("ID3") && !isKnown(fd)) return "MP3";
+  return "";
+}
+
 // A WAV or an RF64 as a row of chunks, each with its name and its size before it.
 struct Riff {
   explicit Riff(int file) : fd(file), bigEndian(readName(file, 0) == "RIFX") {}
@@ -271,7 +279,12 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
     : name_(name), file_{file.get(), raw.has_value(), kEndless} {
   const struct stat status = file.status();
   SF_INFO info{};
+  const bool isNamed = S_ISREG(status.st_mode) && name != "-";
+  const std::string_view compressed = isNamed ? compressedKind(file_.fd) : "";
+  if (!compressed.empty())
+    fail("cannot read {}: it is {}; decode it first: ffmpeg -i {} decoded.wav", name, compressed, name);
   if (raw) {
+    if (isNamed && isKnown(file_.fd)) fail("{} is no raw PCM, it has a header; leave --raw out", name);
     info = infoOf(*raw, SF_FORMAT_RAW);
     setSound(openSound(file_, SFM_READ, info));
   } else {
