@@ -26,8 +26,7 @@ struct MixCall {
 template <class Format, int kPairs>
 struct PairsLoader {
   explicit PairsLoader(const MixCall&) {}
-  static constexpr std::ptrdiff_t frameBytes(std::int32_t) { return channel::frameBytes<Format>(2 * kPairs); }
-  static constexpr std::ptrdiff_t frameBytes() { return frameBytes(0); }
+  static constexpr std::ptrdiff_t inBytes(std::int32_t = 0) { return frameBytes<Format>(2 * kPairs); }  // in any call
 
   template <int kHalf>
   KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
@@ -46,13 +45,13 @@ struct PairsLoader<S24, kPairs> {
   const PackedLoader first, second;
 
   explicit PairsLoader(const MixCall& call)
-      : rowBytes(kPairs == 2 ? frameBytes(call.channels) : 12),
+      : rowBytes(kPairs == 2 ? inBytes(call.channels) : 12),
         first(0, kPairs == 2 ? call.channels : 4),
         second(rowBytes < 16 ? 16 - static_cast<int>(rowBytes) : 0, first.count) {}
-  static constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
-    return channel::frameBytes<S24>(kPairs == 2 ? channels : 2 * kPairs);
+  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) {
+    return frameBytes<S24>(kPairs == 2 ? channels : 2 * kPairs);
   }
-  std::ptrdiff_t frameBytes() const { return kPairs == 2 ? rowBytes : frameBytes(0); }
+  std::ptrdiff_t inBytes() const { return kPairs == 2 ? rowBytes : inBytes(0); }
 
   template <int kHalf>
   KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
@@ -86,19 +85,19 @@ struct MixLoop {
   std::ptrdiff_t frames, in, out;
 };
 
-// Step's operator converts kFrames frames of in() bytes to frames of kOut samples of Step::Format.
+// Step's operator converts kFrames frames of inBytes() bytes to frames of kOut samples of Step::Format.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);
   for (; steps > 0; --steps) {
     step(dst, src);
     dst += frameBytes<typename Step::Format>(Step::kOut) * Step::kFrames;
-    src += step.in() * Step::kFrames;
+    src += step.inBytes() * Step::kFrames;
   }
 }
 template <class Step>
 MixLoop loopOf(std::int32_t channels) {
-  return {runSteps<Step>, Step::kFrames, Step::in(channels), frameBytes<typename Step::Format>(Step::kOut)};
+  return {runSteps<Step>, Step::kFrames, Step::inBytes(channels), frameBytes<typename Step::Format>(Step::kOut)};
 }
 
 // A step of a mix of pairs: two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block
@@ -111,15 +110,15 @@ struct PairsStep {
   const PairsLoader<Format, kPairs> loader;
   const Mix mix;
   explicit PairsStep(const MixCall& call) : loader(call), mix(call) {}
-  static constexpr std::ptrdiff_t in(std::int32_t channels) {
-    return PairsLoader<Format, kPairs>::frameBytes(channels);
+  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) {
+    return PairsLoader<Format, kPairs>::inBytes(channels);
   }
-  std::ptrdiff_t in() const { return loader.frameBytes(); }
+  std::ptrdiff_t inBytes() const { return loader.inBytes(); }
 
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> pairs[2][kPairs], mixed[kOut];
     loader.template load<0>(src, pairs[0]);
-    loader.template load<1>(src + kFrames / 2 * in(), pairs[1]);
+    loader.template load<1>(src + kFrames / 2 * inBytes(), pairs[1]);
     mix(pairs, mixed);
     unrolled<kOut>([&](auto i) KESAUDIO_INLINED {
       storeSamples<Format, i == kOut - 1>(dst + i * (kFrames / kOut * frameBytes<Format>(kOut)), mixed[i]);

@@ -59,7 +59,7 @@ struct AverageOfTwo {
   using Format = FormatType;
   static constexpr int kOut = 1, kFrames = 2 * kStepFrames<Format>;
   explicit AverageOfTwo(const MixCall&) {}
-  static constexpr std::ptrdiff_t in(int32_t = 0) { return frameBytes<Format>(2); }
+  static constexpr std::ptrdiff_t inBytes(int32_t = 0) { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> left[2], right[2];
     for (int i = 0; i < 2; ++i) loadSides(src + 2 * i * kVectorBytes, left[i], right[i]);

@@ -77,7 +77,7 @@ struct FrontOfThree {
   using Format = FormatType;
   static constexpr int kOut = 2, kFrames = kStepFrames<Format>;
   explicit FrontOfThree(const MixCall&) {}
-  static constexpr std::ptrdiff_t in(int32_t = 0) { return frameBytes<Format>(3); }
+  static constexpr std::ptrdiff_t inBytes(int32_t = 0) { return frameBytes<Format>(3); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
     Samples<Format> sides[2], third[2];
     loadTriples(src, sides, third);
