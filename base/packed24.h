@@ -7,29 +7,16 @@
 
 namespace kesaudio {
 
-// Loads 16 bytes a block and takes the four samples from byte `at` on, silent ones from number `count` on. at is at
-// most 4, plus 3 for each silent sample.
-struct PackedLoader {
-  U8x table;
-  int at, count;
+// Four samples a block from 12 bytes each, each times 256 plus a low byte of no meaning: a lane gets its sample in
+// the upper three bytes, to be shifted down. Reads 16 bytes a block.
+inline constexpr Byte kUnpack24[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
 
-  KESAUDIO_INLINE explicit PackedLoader(int first, int samples = 4) : at(first), count(samples) {
-    // A lane gets its sample in the upper three bytes, to be shifted down; the lowest is whatever it is.
-    static constexpr Byte kTable[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
-    table = (broadcastLoad(kTable) + static_cast<Byte>(at)) | (U8x)(laneNumbers() >= count);
-  }
-  // Returns each sample times 256, plus a low byte of no meaning.
-  KESAUDIO_INLINE I32x loadHigh(const Byte* p, std::ptrdiff_t second) const {
-    if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, second), table);
-    I32x x = {};
-    for (int i = 0; i < 4; ++i)
-      if (i < count) x[i] = static_cast<std::int32_t>(static_cast<std::uint32_t>(S24::load(p + at + 3 * i)) << 8);
-    return x;
-  }
-};
-
-// Four samples a block from 12 bytes each. Reads up to 4 bytes beyond the last one.
-KESAUDIO_INLINE I32x loadPacked24(const Byte* p) { return PackedLoader(0).loadHigh(p, 12) >> 8; }
+KESAUDIO_INLINE I32x loadPacked24(const Byte* p) {
+  if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, 12), broadcastLoad(kUnpack24)) >> 8;
+  I32x x = {};
+  for (int i = 0; i < 4; ++i) x[i] = S24::load(p + 3 * i);
+  return x;
+}
 
 // The lower three bytes of each lane, in the first 12 bytes of each block.
 KESAUDIO_INLINE U8x packed24(I32x x) {

@@ -8,6 +8,7 @@
 #ifndef KESAUDIO_BASE_SIMD_H
 #define KESAUDIO_BASE_SIMD_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
@@ -57,19 +58,15 @@ KESAUDIO_INLINE void unrolled(Body body) {
   (std::make_integer_sequence<int, kCount>());
 }
 
-// In every block 0, 1, 2, 3.
-KESAUDIO_INLINE I32x laneNumbers() {
-  I32x x;
-  for (int i = 0; i < 4 * kBlocks; ++i) x[i] = i % 4;
-  return x;
-}
-
-// The positions in the vector of the first 8 bytes of each block.
-KESAUDIO_INLINE I16x bytePositions() {
-  I16x x;
-  for (int i = 0; i < 8 * kBlocks; ++i) x[i] = static_cast<std::int16_t>(i + i / 8 * 8);
-  return x;
-}
+// Where each byte of a vector comes from.
+inline constexpr Byte kSilent = 255;
+struct ByteTable {
+  Byte bytes[kVectorBytes] = {};
+  constexpr ByteTable() = default;
+  constexpr explicit ByteTable(const Byte* sources) {
+    for (int i = 0; i < kVectorBytes; ++i) bytes[i] = sources[i];
+  }
+};
 
 }  // namespace kesaudio
 
@@ -93,6 +90,16 @@ KESAUDIO_INLINE void deinterleave(const I64x (&m)[kCount], I64x (&x)[kCount]) {
   } else {
     constexpr int kHalf = kCount / 2;
     for (int i = 0; i < kHalf; ++i) x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);
+  }
+}
+
+// In every block, lane j of x[i] is lane i of m[j].
+KESAUDIO_INLINE void transpose(const I64x (&m)[2], I64x (&x)[2]) { deinterleave(m, x); }
+KESAUDIO_INLINE void transpose(const I32x (&m)[4], I32x (&x)[4]) {
+  const I64x halves[4] = {(I64x)zipLow(m[0], m[1]), (I64x)zipLow(m[2], m[3]), (I64x)zipHigh(m[0], m[1]),
+                          (I64x)zipHigh(m[2], m[3])};
+  for (int i = 0; i < 4; i += 2) {
+    x[i] = (I32x)zipLow(halves[i], halves[i + 1]), x[i + 1] = (I32x)zipHigh(halves[i], halves[i + 1]);
   }
 }
 

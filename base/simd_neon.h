@@ -29,27 +29,26 @@ KESAUDIO_INLINE U8x broadcastLoad(const Byte* p) { return (U8x)vld1q_u8(p); }
 // TBL: byte table[i] of the block, 0 where the table has 128 or more.
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16_t)x, (uint8x16_t)table); }
 
-// Windows of memory, and tables that permute them: an entry is the number of a window byte; 128 or more gives 0.
-// starts[0] of a block is the first window byte that its frames use.
+// Windows of memory, permuted by tables: an entry is the number of a window byte, or kSilent, which gives 0.
 struct ShortWindow {
   static constexpr std::ptrdiff_t kBytes = 16;
-  struct Table {
-    U8x bytes;
-  };
-  KESAUDIO_INLINE static Table table(U8x sources, I16x /*starts*/) { return {sources}; }
-  // Whether a block's bytes can all be reached. in: bytes a frame; spanned: frames that a block touches.
-  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t /*spanned*/) { return in <= kBytes; }
+  using Table = ByteTable;
+  using Indexes = U8x;  // a table in registers
+  KESAUDIO_INLINE static Indexes load(const Table& table) { return kesaudio::load<U8x>(table.bytes); }
+  // Whether every block of output finds its bytes, for frames of in bytes made out bytes long.
+  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t /*out*/) { return in <= kBytes; }
   U8x bytes;
-  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
-  KESAUDIO_INLINE U8x permute(Table table) const { return kesaudio::permute(bytes, table.bytes); }
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
+  KESAUDIO_INLINE U8x permute(Indexes indexes) const { return kesaudio::permute(bytes, indexes); }
 };
 struct LongWindow {
   static constexpr std::ptrdiff_t kBytes = 32;
-  using Table = ShortWindow::Table;
-  KESAUDIO_INLINE static Table table(U8x sources, I16x /*starts*/) { return {sources}; }
+  using Table = ByteTable;
+  using Indexes = U8x;
+  KESAUDIO_INLINE static Indexes load(const Table& table) { return ShortWindow::load(table); }
   uint8x16x2_t bytes;
   KESAUDIO_INLINE explicit LongWindow(const Byte* p) : bytes(vld1q_u8_x2(p)) {}
-  KESAUDIO_INLINE U8x permute(Table table) const { return (U8x)vqtbl2q_u8(bytes, (uint8x16_t)table.bytes); }
+  KESAUDIO_INLINE U8x permute(Indexes indexes) const { return (U8x)vqtbl2q_u8(bytes, (uint8x16_t)indexes); }
 };
 
 // Hides x's value from the optimiser.
@@ -65,7 +64,7 @@ template <int kCount>
 struct Strides {
   std::ptrdiff_t multiples[kCount];
   KESAUDIO_INLINE explicit Strides(std::ptrdiff_t stride) {
-    unrolled<kCount>([&](auto i) KESAUDIO_INLINED { multiples[i] = opaque(i * stride); });
+    unrolled<kCount>([&](auto i) KESAUDIO_INLINED { multiples[i] = i == 0 ? 0 : opaque(i * stride); });
   }
   KESAUDIO_INLINE std::ptrdiff_t operator[](int i) const { return multiples[i]; }
 };
@@ -87,9 +86,6 @@ KESAUDIO_INLINE void storeAll(Byte* p, const U8x (&x)[kCount]) {
     vst1q_u8_x4(p, all);
   }
 }
-
-// UZP1: the lower bytes of the lanes, x's before y's block by block.
-KESAUDIO_INLINE U8x narrowBytes(I16x x, I16x y) { return (U8x)vuzp1q_u8((uint8x16_t)x, (uint8x16_t)y); }
 
 // UZP1, UZP2: the even lanes of x, then of y; the odd ones.
 KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)vuzp1q_s16((int16x8_t)x, (int16x8_t)y); }
@@ -195,11 +191,22 @@ KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((in
 KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return (I32x)vminq_s32((int32x4_t)x, (int32x4_t)y); }
 KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return (I32x)vmaxq_s32((int32x4_t)x, (int32x4_t)y); }
 
+// SADDL2, SADDW2: the upper halves widened and added. From the intrinsics clang 14 would take the halves out first.
+KESAUDIO_INLINE int64x2_t addUpperHalves(int32x4_t x, int32x4_t y) {
+  int64x2_t sum;
+  __asm__("saddl2 %0.2d, %1.4s, %2.4s" : "=w"(sum) : "w"(x), "w"(y));
+  return sum;
+}
+KESAUDIO_INLINE int64x2_t addUpperHalf(int64x2_t sum, int32x4_t x) {
+  __asm__("saddw2 %0.2d, %0.2d, %1.4s" : "+w"(sum) : "w"(x));
+  return sum;
+}
+
 // x + y + z, limited once.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
   const auto a = (int32x4_t)x, b = (int32x4_t)y, c = (int32x4_t)z;
   const int64x2_t low = vaddw_s32(vaddl_s32(vget_low_s32(a), vget_low_s32(b)), vget_low_s32(c));
-  return (I32x)vqmovn_high_s64(vqmovn_s64(low), vaddw_high_s32(vaddl_high_s32(a, b), c));
+  return (I32x)vqmovn_high_s64(vqmovn_s64(low), addUpperHalf(addUpperHalves(a, b), c));
 }
 
 // The lanes of x, widened, lower half and upper half of each block.
@@ -230,14 +237,14 @@ KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return (I32x)vpadalq_s16((int3
 // ADDP: the sums of pairs of lanes of x, then of y, block by block.
 KESAUDIO_INLINE I32x addAdjacent(I32x x, I32x y) { return (I32x)vpaddq_s32((int32x4_t)x, (int32x4_t)y); }
 
-// (x + y) / 2, rounded towards zero: SRHADD, which rounds up, where SHADD, which rounds down, is below zero.
+// (x + y) / 2, rounded towards zero: SHADD rounds down, SRHADD up; of the two, the one nearer to zero.
 KESAUDIO_INLINE I16x averageOfTwo(I16x x, I16x y) {
   const int16x8_t down = vhaddq_s16((int16x8_t)x, (int16x8_t)y), up = vrhaddq_s16((int16x8_t)x, (int16x8_t)y);
-  return (I16x)vbslq_s16(vcltzq_s16(down), up, down);
+  return (I16x)vmaxq_s16(down, vminq_s16(up, int16x8_t{}));
 }
 KESAUDIO_INLINE I32x averageOfTwo(I32x x, I32x y) {
   const int32x4_t down = vhaddq_s32((int32x4_t)x, (int32x4_t)y), up = vrhaddq_s32((int32x4_t)x, (int32x4_t)y);
-  return (I32x)vbslq_s32(vcltzq_s32(down), up, down);
+  return (I32x)vmaxq_s32(down, vminq_s32(up, int32x4_t{}));
 }
 
 // ---- averages
@@ -267,7 +274,7 @@ KESAUDIO_INLINE WideSums operator+(WideSums x, WideSums y) { return {x.low + y.l
 // The lanes widened to 64 bits as above.
 KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) {
   const auto a = (int32x4_t)x, b = (int32x4_t)y;
-  return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)vaddl_high_s32(a, b)};
+  return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)addUpperHalves(a, b)};
 }
 KESAUDIO_INLINE WideSums widen(I32x x) {
   return {(I64x)vmovl_s32(vget_low_s32((int32x4_t)x)), (I64x)vmovl_high_s32((int32x4_t)x)};

@@ -63,49 +63,67 @@ inline U8x permute(U8x x, U8x) { return x; }
 
 struct ShortWindow {
   U8x bytes;
-  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(load<U8x>(p)) {}
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
 #if defined(__AVX2__)
   // VPERMD first moves the 16 window bytes that a block needs, from a multiple of 4 on, into that block.
   static constexpr std::ptrdiff_t kBytes = 32;
   struct Table {
+    ByteTable bytes;
+    std::int32_t words[8] = {};
+    constexpr Table() = default;
+    constexpr explicit Table(const Byte* sources) : bytes(sources) {
+      for (int block = 0; block < 2; ++block) {
+        Byte first = 16;
+        for (int i = 0; i < 16; ++i) first = std::min(first, sources[16 * block + i]);
+        const int word = first / 4;
+        for (int i = 0; i < 4; ++i) words[4 * block + i] = word + i;
+        for (int i = 0; i < 16; ++i)
+          if (sources[16 * block + i] != kSilent) bytes.bytes[16 * block + i] -= static_cast<Byte>(4 * word);
+      }
+    }
+  };
+  struct Indexes {
     U8x bytes;
     I32x words;
   };
-  KESAUDIO_INLINE static Table table(U8x sources, I16x starts) {
-    const U8x origin = kesaudio::permute((U8x)starts, U8x{}) & 0xFC;
-    return {sources - origin, ((I32x)origin >> 2 & 63) + I32x{0, 1, 2, 3, 0, 1, 2, 3}};
+  KESAUDIO_INLINE static Indexes load(const Table& table) {
+    Indexes x{kesaudio::load<U8x>(table.bytes.bytes), {}};
+    std::memcpy(&x.words, table.words, sizeof x.words);
+    return x;
   }
-  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t spanned) {
-    return spanned * in + (in % 4 == 0 ? 0 : 3) <= 16;
+  // A block touches out's frames from the one of its first byte to that of its last.
+  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t out) {
+    return (14 / static_cast<int>(out) + 2) * in + (in % 4 == 0 ? 0 : 3) <= 16;
   }
-  KESAUDIO_INLINE U8x permute(Table table) const {
-    return kesaudio::permute((U8x)_mm256_permutevar8x32_epi32((Register)bytes, (Register)table.words), table.bytes);
+  KESAUDIO_INLINE U8x permute(const Indexes& indexes) const {
+    return kesaudio::permute((U8x)_mm256_permutevar8x32_epi32((Register)bytes, (Register)indexes.words),
+                             indexes.bytes);
   }
 #else
   static constexpr std::ptrdiff_t kBytes = 16;
-  struct Table {
-    U8x bytes;
-  };
-  KESAUDIO_INLINE static Table table(U8x sources, I16x) { return {sources}; }
+  using Table = ByteTable;
+  using Indexes = U8x;
+  KESAUDIO_INLINE static Indexes load(const Table& table) { return kesaudio::load<U8x>(table.bytes); }
   static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t) { return in <= kBytes; }
-  KESAUDIO_INLINE U8x permute(Table table) const { return kesaudio::permute(bytes, table.bytes); }
+  KESAUDIO_INLINE U8x permute(Indexes indexes) const { return kesaudio::permute(bytes, indexes); }
 #endif
 };
 
-// A table for each half of the window.
+// Two lookups, of which each finds 128 or more for the bytes of the other half.
 struct LongWindow {
   static constexpr std::ptrdiff_t kBytes = 32;
-  struct Table {
+  using Table = ByteTable;
+  struct Indexes {
     U8x low, high;
   };
-  KESAUDIO_INLINE static Table table(U8x sources, I16x) {
-    const Register low = KESAUDIO_X86(adds_epu8)((Register)sources, KESAUDIO_X86(set1_epi8)(112));
-    return {(U8x)low, sources - 16};
+  KESAUDIO_INLINE static Indexes load(const Table& table) {
+    const U8x sources = kesaudio::load<U8x>(table.bytes);
+    return {(U8x)KESAUDIO_X86(adds_epu8)((Register)sources, KESAUDIO_X86(set1_epi8)(112)), sources - 16};
   }
   U8x low, high;
   KESAUDIO_INLINE explicit LongWindow(const Byte* p) : low(broadcastLoad(p)), high(broadcastLoad(p + 16)) {}
-  KESAUDIO_INLINE U8x permute(Table table) const {
-    return kesaudio::permute(low, table.low) | kesaudio::permute(high, table.high);
+  KESAUDIO_INLINE U8x permute(const Indexes& indexes) const {
+    return kesaudio::permute(low, indexes.low) | kesaudio::permute(high, indexes.high);
   }
 };
 
@@ -147,9 +165,6 @@ KESAUDIO_INLINE I16x reorder(I16x x) {
 #endif
 }
 
-// Of lanes from 0 to 255.
-KESAUDIO_INLINE U8x narrowBytes(I16x x, I16x y) { return (U8x)KESAUDIO_X86(packus_epi16)((Register)x, (Register)y); }
-
 KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpacklo_epi64)((Register)x, (Register)y); }
 KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpackhi_epi64)((Register)x, (Register)y); }
 KESAUDIO_INLINE I32x zipLow(I32x x, I32x y) { return (I32x)KESAUDIO_X86(unpacklo_epi32)((Register)x, (Register)y); }
@@ -179,6 +194,7 @@ template <class Vector, int kCount>
 KESAUDIO_INLINE void loadBlocks(const Byte* p, Vector (&x)[kCount]) {
   for (int i = 0; i < kCount; ++i) x[i] = loadBlocks<Vector>(p + 16 * i, 16 * kCount);
 }
+KESAUDIO_INLINE void transpose(const I32x (&m)[4], I32x (&x)[4]);
 template <int kCount>
 KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
   I32x m[kCount];
@@ -194,10 +210,7 @@ KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
     x[1] = shuffle<0, 2, 0, 2>(b0c0b1c1, b2b2b3b3);
     x[2] = shuffle<1, 3, 0, 3>(b0c0b1c1, m[2]);
   } else {
-    const auto ab01 = (I64x)zipLow(m[0], m[1]), cd01 = (I64x)zipHigh(m[0], m[1]);
-    const auto ab23 = (I64x)zipLow(m[2], m[3]), cd23 = (I64x)zipHigh(m[2], m[3]);
-    x[0] = (I32x)zipLow(ab01, ab23), x[1] = (I32x)zipHigh(ab01, ab23);
-    x[2] = (I32x)zipLow(cd01, cd23), x[3] = (I32x)zipHigh(cd01, cd23);
+    transpose(m, x);
   }
 }
 template <int kCount>
@@ -320,10 +333,12 @@ KESAUDIO_INLINE Vector averageOfTwo(Vector x, Vector y) {
 // themselves however a thread rounds its floating-point numbers, and too little to reach the next quotient.
 struct Divisor {
   float small;
+  std::int32_t factor;  // times 2^-31
   double wide;
 };
 KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
-  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f), 1.0 / divisor * (1 + 0x1p-45)};
+  return {1.0f / static_cast<float>(divisor) * (1 + 0x1p-20f),
+          static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 1.0 / divisor * (1 + 0x1p-45)};
 }
 
 // The sum of at most eight 16-bit samples.
@@ -331,28 +346,35 @@ KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) {
   return __builtin_convertvector(__builtin_convertvector(sum, Floats) * by.small, I32x);
 }
 
-// Of at most eight 24-bit samples, by doubles.
+// Two doubles to a 32-bit lane each, rounded towards zero.
 #if defined(__AVX2__)
 KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm256_cvttpd_epi32((DoubleRegister)x); }
 KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm256_set_m128i(high, low); }
 KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) {
   return joinHalves(_mm_unpacklo_epi32(even, odd), _mm_unpackhi_epi32(even, odd));
 }
-KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
-  const auto low = (Doubles)_mm256_cvtepi32_pd(_mm256_castsi256_si128((Register)sum));
-  const auto high = (Doubles)_mm256_cvtepi32_pd(_mm256_extracti128_si256((Register)sum, 1));
-  return joinHalves(truncate(low * by.wide), truncate(high * by.wide));
-}
 #else
 KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm_cvttpd_epi32((DoubleRegister)x); }
 KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm_unpacklo_epi64(low, high); }
 KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) { return (I32x)_mm_unpacklo_epi32(even, odd); }
+#endif
+
+// Of at most eight 24-bit samples.
 KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
+#if defined(__SSE4_1__)
+  // PMULDQ multiplies the even lanes; the floor of a negative quotient, whose factor is too large, is one too low.
+  const auto factor = KESAUDIO_X86(set1_epi32)(by.factor);
+  const auto even = (I64x)KESAUDIO_X86(mul_epi32)((Register)sum, factor);
+  const auto odd = (I64x)KESAUDIO_X86(mul_epi32)(KESAUDIO_X86(srli_epi64)((Register)sum, 32), factor);
+  const auto floor =
+      (I32x)KESAUDIO_X86(blend_epi16)(KESAUDIO_X86(srli_epi64)((Register)even, 31), (Register)(odd << 1), 0xCC);
+  return floor - (floor >> 31);
+#else
   const auto low = (Doubles)_mm_cvtepi32_pd((Register)sum);
   const auto high = (Doubles)_mm_cvtepi32_pd((Register)zipHigh((I64x)sum, (I64x)sum));
   return joinHalves(truncate(low * by.wide), truncate(high * by.wide));
-}
 #endif
+}
 
 // Of at most eight 32-bit samples, zero-extended after flipping the sign bit, since there is no arithmetic shift of
 // 64-bit lanes: each sum is too large by `excess`.

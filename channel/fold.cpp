@@ -58,8 +58,8 @@ struct Fold {
 
 template <class Format>
 struct Steps {
-  template <int kPairs>
-  using Step = PairsStep<Format, Fold<Format>, kPairs>;
+  template <class Loader>
+  using Step = PairsStep<Format, Fold<Format>, Loader>;
 };
 
 }  // namespace
@@ -73,8 +73,8 @@ void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* s
     const std::ptrdiff_t in = frameBytes<Format>(srcChannels), out = frameBytes<Format>(dstChannels);
     const std::ptrdiff_t frames = frameCount<Format>(blocks);
     if (srcChannels >= 2 && srcChannels <= kMaxMixChannels)
-      return mixBlock(loopForChannels<Steps<Format>>(srcChannels), {srcChannels, {}}, blocks.dst, out, blocks.src, in,
-                      frames, Fill::kRepeat);
+      return mixBlock(loopForChannels<Format, Steps<Format>>(srcChannels), {srcChannels, {}}, blocks.dst, out,
+                      blocks.src, in, frames, Fill::kRepeat);
     const int shift = kMixGainShift + extraShift<Format>(srcChannels);
     forEachFrame(blocks.dst, out, blocks.src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
       const int32_t value = foldFrame<Format>(inFrame, srcChannels, shift);

@@ -4,80 +4,19 @@
 #ifndef KESAUDIO_CHANNEL_MIX_H
 #define KESAUDIO_CHANNEL_MIX_H
 
-#include "base/packed24.h"
-#include "channel/frames.h"
-#include "channel/gain.h"
 #include "channel/moves.h"
+#include "channel/samples.h"
 
 namespace kesaudio::channel {
 
-// ---- samples in memory
+// ---- loops
 
-template <class Format>
-inline constexpr int kStepFrames = (std::is_same_v<Format, S16> ? 8 : 4) * kBlocks;
+inline constexpr std::int32_t kMaxMixChannels = 8;
 
 struct MixCall {
   std::int32_t channels;  // of the input
   Divisor divisor;
 };
-
-// Loads half a step's frames of 2 * kPairs channels, pairs[p] being channels 2p and 2p + 1 of each, left and right in
-// turn.
-template <class Format, int kPairs>
-struct PairsLoader {
-  explicit PairsLoader(const MixCall&) {}
-  static constexpr std::ptrdiff_t inBytes(std::int32_t = 0) { return frameBytes<Format>(2 * kPairs); }  // in any call
-
-  template <int kHalf>
-  KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
-    std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> elements[kPairs];
-    loadElements(p, elements);
-    for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)elements[i];
-  }
-};
-
-// Packed samples are loaded in rows of four. First-half rows read past their end, second-half rows before their
-// start, so neither leaves the step. With two pairs a row is a frame, which may also have three channels, the fourth
-// then being silent, or more than four.
-template <int kPairs>
-struct PairsLoader<S24, kPairs> {
-  const std::ptrdiff_t rowBytes;
-  const PackedLoader first, second;
-
-  explicit PairsLoader(const MixCall& call)
-      : rowBytes(kPairs == 2 ? inBytes(call.channels) : 12),
-        first(0, kPairs == 2 ? call.channels : 4),
-        second(rowBytes < 16 ? 16 - static_cast<int>(rowBytes) : 0, first.count) {}
-  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) {
-    return frameBytes<S24>(kPairs == 2 ? channels : 2 * kPairs);
-  }
-  std::ptrdiff_t inBytes() const { return kPairs == 2 ? rowBytes : inBytes(0); }
-
-  template <int kHalf>
-  KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
-    const PackedLoader& loader = kHalf == 0 ? first : second;
-    I64x rows[kPairs], elements[kPairs];
-    for (int i = 0; i < kPairs; ++i) rows[i] = (I64x)loader.loadHigh(p + i * rowBytes - loader.at, kPairs * rowBytes);
-    deinterleave(rows, elements);
-    for (int i = 0; i < kPairs; ++i) pairs[i] = (I32x)elements[i] >> 8;
-  }
-};
-
-// A packed vector writes up to 4 bytes beyond its samples, which the step's next vector overwrites; the last one
-// writes none.
-template <class Format, bool kIsLast>
-KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
-  if constexpr (!std::is_same_v<Format, S24>)
-    store(p, x);
-  else if constexpr (kIsLast)
-    storePacked24Exactly(p, x);
-  else
-    storePacked24(p, x);
-}
-
-// ---- loops
-
-inline constexpr std::int32_t kMaxMixChannels = 8;
 
 // Converts whole steps of `frames` frames of in bytes to frames of out bytes.
 struct MixLoop {
@@ -85,15 +24,17 @@ struct MixLoop {
   std::ptrdiff_t frames, in, out;
 };
 
-// Step's operator converts kFrames frames of inBytes() bytes to frames of kOut samples of Step::Format.
+// Step's operator converts kFrames frames of inBytes() bytes to frames of kOut samples of Step::Format; kTogether
+// steps are made at once, as a loop of few instructions gains from.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);
-  for (; steps > 0; --steps) {
-    step(dst, src);
-    dst += frameBytes<typename Step::Format>(Step::kOut) * Step::kFrames;
-    src += step.inBytes() * Step::kFrames;
-  }
+  const auto out = frameBytes<typename Step::Format>(Step::kOut) * Step::kFrames, in = step.inBytes() * Step::kFrames;
+  for (; steps >= Step::kTogether;
+       steps -= Step::kTogether, dst += Step::kTogether * out, src += Step::kTogether * in)
+    unrolled<Step::kTogether>([&](auto i) KESAUDIO_INLINED { step(dst + i * out, src + i * in); });
+  if constexpr (Step::kTogether > 1)
+    for (; steps > 0; --steps, dst += out, src += in) step(dst, src);
 }
 template <class Step>
 MixLoop loopOf(std::int32_t channels) {
@@ -103,20 +44,18 @@ MixLoop loopOf(std::int32_t channels) {
 // A step of a mix of pairs: two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block
 // has its first frames, the second block the rest. Mix is constructed from a MixCall; its operator mixes the pairs of
 // both halves into kOut vectors of samples.
-template <class FormatType, class Mix, int kPairs>
+template <class FormatType, class Mix, class Loader>
 struct PairsStep {
   using Format = FormatType;
-  static constexpr int kOut = Mix::kOut, kFrames = kStepFrames<Format>;
-  const PairsLoader<Format, kPairs> loader;
+  static constexpr int kOut = Mix::kOut, kFrames = kStepFrames<Format>, kTogether = 1;
+  const Loader loader;
   const Mix mix;
-  explicit PairsStep(const MixCall& call) : loader(call), mix(call) {}
-  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) {
-    return PairsLoader<Format, kPairs>::inBytes(channels);
-  }
+  explicit PairsStep(const MixCall& call) : loader(call.channels), mix(call) {}
+  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) { return Loader::inBytes(channels); }
   std::ptrdiff_t inBytes() const { return loader.inBytes(); }
 
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
-    Samples<Format> pairs[2][kPairs], mixed[kOut];
+    Samples<Format> pairs[2][Loader::kPairs], mixed[kOut];
     loader.template load<0>(src, pairs[0]);
     loader.template load<1>(src + kFrames / 2 * inBytes(), pairs[1]);
     mix(pairs, mixed);
@@ -126,14 +65,20 @@ struct PairsStep {
   }
 };
 
-// The loop of Steps::Step<kPairs>, for frames of 2 to 8 channels; an odd count is padded with a silent channel.
-template <class Steps>
+// The loop of Steps::Step<Loader> for frames of 2 to 8 channels.
+template <class Format, class Steps>
 MixLoop loopForChannels(std::int32_t channels) {
-  switch ((channels + 1) / 2) {
-    case 1: return loopOf<typename Steps::template Step<1>>(channels);
-    case 2: return loopOf<typename Steps::template Step<2>>(channels);
-    case 3: return loopOf<typename Steps::template Step<3>>(channels);
-    default: return loopOf<typename Steps::template Step<4>>(channels);
+  switch (channels) {
+    case 2: return loopOf<typename Steps::template Step<PairsLoader<Format, 1>>>(channels);
+    case 6: return loopOf<typename Steps::template Step<PairsLoader<Format, 3>>>(channels);
+    case 8: return loopOf<typename Steps::template Step<PairsLoader<Format, 4>>>(channels);
+    case 4:
+      if constexpr (!std::is_same_v<Format, S24>)
+        return loopOf<typename Steps::template Step<PairsLoader<Format, 2>>>(channels);
+      [[fallthrough]];
+    case 3: return loopOf<typename Steps::template Step<RowsLoader<Format, 1>>>(channels);
+    default:
+      return loopOf<typename Steps::template Step<RowsLoader<Format, std::is_same_v<Format, S16> ? 1 : 2>>>(channels);
   }
 }
 

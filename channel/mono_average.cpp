@@ -53,25 +53,25 @@ struct Average {
   }
 };
 
-// Of stereo frames of 16 or 32 bits the sides are averaged without their sum, two vectors of them in a step.
+// Of stereo frames of 16 or 32 bits the sides are averaged without their sum.
 template <class FormatType>
 struct AverageOfTwo {
   using Format = FormatType;
-  static constexpr int kOut = 1, kFrames = 2 * kStepFrames<Format>;
+  static constexpr int kOut = 1, kFrames = kStepFrames<Format>, kTogether = 4;
   explicit AverageOfTwo(const MixCall&) {}
-  static constexpr std::ptrdiff_t inBytes(int32_t = 0) { return frameBytes<Format>(2); }
+  static constexpr std::ptrdiff_t inBytes(std::int32_t = 0) { return frameBytes<Format>(2); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
-    Samples<Format> left[2], right[2];
-    for (int i = 0; i < 2; ++i) loadSides(src + 2 * i * kVectorBytes, left[i], right[i]);
-    for (int i = 0; i < 2; ++i) store(dst + i * kVectorBytes, undoBlockOrder(averageOfTwo(left[i], right[i])));
+    Samples<Format> left, right;
+    loadSides(src, left, right);
+    store(dst, undoBlockOrder(averageOfTwo(left, right)));
   }
 };
 
 template <class Format>
 struct Steps {
-  template <int kPairs>
-  using Step = std::conditional_t<kPairs == 1 && !std::is_same_v<Format, S24>, AverageOfTwo<Format>,
-                                  PairsStep<Format, Average<Format>, kPairs>>;
+  template <class Loader>
+  using Step = std::conditional_t<Loader::kPairs == 1 && !std::is_same_v<Format, S24>, AverageOfTwo<Format>,
+                                  PairsStep<Format, Average<Format>, Loader>>;
 };
 
 }  // namespace
@@ -83,7 +83,7 @@ void channel_DownMix_Fold_Mono_Average(void* dst, int32_t /*dstChannels*/, const
     using Format = decltype(formatTag);
     const std::ptrdiff_t in = frameBytes<Format>(srcChannels), out = Format::kBytes;
     if (srcChannels >= 2 && srcChannels <= kMaxMixChannels)
-      return mixBlock(loopForChannels<Steps<Format>>(srcChannels), {srcChannels, makeDivisor(srcChannels)},
+      return mixBlock(loopForChannels<Format, Steps<Format>>(srcChannels), {srcChannels, makeDivisor(srcChannels)},
                       blocks.dst, out, blocks.src, in, frameCount<Format>(blocks));
     forEachFrame(blocks.dst, out, blocks.src, in, frameCount<Format>(blocks),
                  [=](Byte* outFrame, const Byte* inFrame) {

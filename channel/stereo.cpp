@@ -75,7 +75,7 @@ struct Mix5_1 : StereoMix {
 template <class FormatType>
 struct FrontOfThree {
   using Format = FormatType;
-  static constexpr int kOut = 2, kFrames = kStepFrames<Format>;
+  static constexpr int kOut = 2, kFrames = kStepFrames<Format>, kTogether = 1;
   explicit FrontOfThree(const MixCall&) {}
   static constexpr std::ptrdiff_t inBytes(int32_t = 0) { return frameBytes<Format>(3); }
   KESAUDIO_INLINE void operator()(Byte* dst, const Byte* src) const {
@@ -91,8 +91,10 @@ MixLoop loopOfLayout(int32_t srcChannels) {
   if constexpr (std::is_same_v<Mix, Front<Format>> && !std::is_same_v<Format, S24>)
     if (srcChannels == 3) return loopOf<FrontOfThree<Format>>(srcChannels);
   if constexpr (std::is_same_v<Mix, Mix5_1<Format>>)
-    if (srcChannels == 8) return loopOf<PairsStep<Format, Mix, 4>>(srcChannels);
-  return loopOf<PairsStep<Format, Mix, Mix::kPairs>>(srcChannels);
+    if (srcChannels == 8) return loopOf<PairsStep<Format, Mix, PairsLoader<Format, 4>>>(srcChannels);
+  using Loader = std::conditional_t<std::is_same_v<Format, S24> && Mix::kPairs == 2, RowsLoader<S24, 1>,
+                                    PairsLoader<Format, Mix::kPairs>>;
+  return loopOf<PairsStep<Format, Mix, Loader>>(srcChannels);
 }
 
 // ---- the pairwise average
@@ -140,8 +142,8 @@ struct Pairwise : StereoMix {
 
 template <class Format>
 struct PairwiseSteps {
-  template <int kPairs>
-  using Step = PairsStep<Format, Pairwise<Format>, kPairs>;
+  template <class Loader>
+  using Step = PairsStep<Format, Pairwise<Format>, Loader>;
 };
 
 // ---- blocks
@@ -151,8 +153,8 @@ void mixPairwise(const Blocks& blocks) {
   const int32_t channels = blocks.srcChannels;
   const std::ptrdiff_t in = frameBytes<Format>(channels), out = frameBytes<Format>(2);
   if (channels >= 2 && channels <= kMaxMixChannels)
-    return mixBlock(loopForChannels<PairwiseSteps<Format>>(channels), {channels, makeDivisor(channels)}, blocks.dst,
-                    out, blocks.src, in, frameCount<Format>(blocks));
+    return mixBlock(loopForChannels<Format, PairwiseSteps<Format>>(channels), {channels, makeDivisor(channels)},
+                    blocks.dst, out, blocks.src, in, frameCount<Format>(blocks));
   forEachFrame(blocks.dst, out, blocks.src, in, frameCount<Format>(blocks),
                [=](Byte* outFrame, const Byte* inFrame) { averagePairwise<Format>(outFrame, inFrame, channels); });
 }

@@ -9,13 +9,12 @@
 using namespace kesaudio;
 using namespace kesaudio::channel;
 
-// Copies each frame as one piece of 2, 4, 8, 16, 24 or 32 bytes. The next frame overwrites the surplus; the last
+// Copies each frame as one piece of 2, 4, 8, 16 or 32 bytes. The next frame overwrites the surplus; the last
 // frame is copied exactly.
 void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                     std::ptrdiff_t frames) {
   if (frames <= 0) return;
-  const auto powerOf2 = static_cast<std::ptrdiff_t>(std::bit_ceil(static_cast<std::size_t>(out)));
-  const std::ptrdiff_t piece = kBlocks == 1 && out > 16 && out <= 24 ? 24 : powerOf2;
+  const auto piece = static_cast<std::ptrdiff_t>(std::bit_ceil(static_cast<std::size_t>(out)));
   if (piece > 32)  // memmove, since in place the two frames may overlap by any number of bytes
     return forEachFrame(dst, out, src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
       std::memmove(outFrame, inFrame, static_cast<std::size_t>(out));
@@ -23,11 +22,10 @@ void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* s
   const auto strip = [=](Byte* to, const Byte* from, std::ptrdiff_t count) {
     const std::ptrdiff_t whole = piece == out ? count : count - 1;
     switch (piece) {
-      case 2: copyPieces<Piece<std::uint16_t>>(to, out, from, in, whole); break;
-      case 4: copyPieces<Piece<std::uint32_t>>(to, out, from, in, whole); break;
-      case 8: copyPieces<Piece<std::uint64_t>>(to, out, from, in, whole); break;
+      case 2: copyPieces<std::uint16_t>(to, out, from, in, whole); break;
+      case 4: copyPieces<std::uint32_t>(to, out, from, in, whole); break;
+      case 8: copyPieces<std::uint64_t>(to, out, from, in, whole); break;
       case 16: copyPieces<Piece16>(to, out, from, in, whole); break;
-      case 24: copyPieces<Piece24>(to, out, from, in, whole); break;
       default: copyPieces<Piece32>(to, out, from, in, whole);
     }
     if (whole < count) std::memmove(to + whole * out, from + whole * in, static_cast<std::size_t>(out));

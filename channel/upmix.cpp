@@ -3,6 +3,9 @@
 //
 //   zero fill     out[j] = in[j] for j < srcChannels, silence from there on
 //   duplication   out[j] = in[j mod srcChannels]
+#include <algorithm>
+#include <array>
+
 #include "channel/moves.h"
 #include "channel/pieces.h"
 #include "kesaudio/channel_kernels.h"
@@ -38,70 +41,70 @@ void expandByFrame(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_
 }
 
 // ---- by units: each output vector takes its bytes from a window of the input by a table
-//
-// A unit is as many whole frames as one window of input holds and at most kMaxVectors vectors of output take.
 
 constexpr int kMaxVectors = 4;
 constexpr std::ptrdiff_t kMaxIn = 32, kMaxOut = 64;
 
-// x / n == x * of[n] >> 14, while x * n < 2^14.
-struct Reciprocals {
-  std::int16_t of[kMaxOut + 1] = {};
-  constexpr Reciprocals() {
-    for (int n = 1; n <= kMaxOut; ++n) of[n] = static_cast<std::int16_t>(16384 / n + 1);
-  }
-};
-constexpr Reciprocals kReciprocals;
-
 struct FrameSizes {
   std::ptrdiff_t in, out;
   Fill fill;
-
-  std::ptrdiff_t dividedByIn(std::ptrdiff_t x) const { return x * kReciprocals.of[in] >> 14; }
-  std::ptrdiff_t dividedByOut(std::ptrdiff_t x) const { return x * kReciprocals.of[out] >> 14; }
-
-  // The table for a vector of the output that begins with byte `first` of its unit. Byte p of the unit is byte
-  // j = p mod out of a frame, and comes from byte j, or j mod in, of that frame.
-  template <class Window>
-  typename Window::Table table(int first) const {
-    const auto in16 = static_cast<std::int16_t>(in), out16 = static_cast<std::int16_t>(out);
-    I16x starts, sources[2];
-    for (int half = 1; half >= 0; --half) {  // the lower half last: its starts are the block's
-      const I16x p = bytePositions() + static_cast<std::int16_t>(first + 8 * half);
-      const I16x frame = scaleQ15(p + p, kReciprocals.of[out]), j = p - frame * out16;
-      const I16x repeat = scaleQ15(j + j, kReciprocals.of[in]);  // j / in
-      starts = frame * in16;
-      sources[half] = (fill == Fill::kRepeat ? starts + j - repeat * in16 : (starts + j) | (repeat > 0)) & 255;
-    }
-    return Window::table(narrowBytes(sources[0], sources[1]), starts);
-  }
 };
 
+// The window byte that each byte of a unit comes from.
+constexpr void findSources(Byte* sources, std::ptrdiff_t count, FrameSizes f) {
+  std::ptrdiff_t frame = 0, j = 0, source = 0;  // byte j of an output frame is byte `source` of the input frame
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
+    sources[i] = f.fill == Fill::kSilence && j >= f.in ? kSilent : static_cast<Byte>(frame + source);
+    if (++source == f.in) source = 0;
+    if (++j == f.out) j = source = 0, frame += f.in;
+  }
+}
+
+// As many whole frames as one window of input holds and kMaxVectors vectors of output take.
 template <class Window>
 struct Unit {
   std::ptrdiff_t frames, vectors;
-  typename Window::Table tables[kMaxVectors];
+  typename Window::Table tables[kMaxVectors] = {};
 
-  explicit Unit(const FrameSizes& f) {
-    const std::ptrdiff_t fromWindow = f.dividedByIn(Window::kBytes),
-                         fromVectors = f.dividedByOut(kMaxVectors * kVectorBytes);
-    frames = fromWindow < fromVectors ? fromWindow : fromVectors;
-    vectors = (frames * f.out + kVectorBytes - 1) / kVectorBytes;
-    for (int v = 0; v < vectors; ++v) tables[v] = f.table<Window>(v * kVectorBytes);
+  constexpr explicit Unit(FrameSizes f)
+      : frames(std::min(static_cast<int>(Window::kBytes) / static_cast<int>(f.in),
+                        kMaxVectors * kVectorBytes / static_cast<int>(f.out))),
+        vectors((frames * f.out + kVectorBytes - 1) / kVectorBytes) {
+    Byte sources[kMaxVectors * kVectorBytes] = {};
+    findSources(sources, vectors * kVectorBytes, f);
+    for (int v = 0; v < vectors; ++v) tables[v] = typename Window::Table(sources + v * kVectorBytes);
   }
 };
+
+// Mono and stereo to 2, 4, 6 and 8 channels: made by the compiler, since a call of few frames would spend most of its
+// time on the tables.
+constexpr FrameSizes kUsualSizes[] = {{2, 4, {}},  {3, 6, {}},  {4, 8, {}},  {6, 12, {}}, {8, 16, {}}, {4, 12, {}},
+                                      {6, 18, {}}, {8, 24, {}}, {4, 16, {}}, {6, 24, {}}, {8, 32, {}}};
+template <Fill kFill, std::size_t... i>
+constexpr std::array<Unit<ShortWindow>, sizeof...(i)> makeUnits(std::index_sequence<i...>) {
+  return {Unit<ShortWindow>({kUsualSizes[i].in, kUsualSizes[i].out, kFill})...};
+}
+template <Fill kFill>
+constexpr auto kUsualUnits = makeUnits<kFill>(std::make_index_sequence<std::size(kUsualSizes)>());
+
+const Unit<ShortWindow>* usualUnit(const FrameSizes& f) {
+  const auto& units = f.fill == Fill::kSilence ? kUsualUnits<Fill::kSilence> : kUsualUnits<Fill::kRepeat>;
+  for (std::size_t i = 0; i < units.size(); ++i)
+    if (kUsualSizes[i].in == f.in && kUsualSizes[i].out == f.out) return &units[i];
+  return nullptr;
+}
 
 // A vector's bytes beyond its unit are covered by the next one.
 template <class Window, int kVectors>
 [[gnu::noinline]] void expandUnits(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                    std::ptrdiff_t units, const typename Window::Table* from) {
   constexpr int kTogether = kVectors <= 2 ? 4 : 2;
-  typename Window::Table tables[kVectors];
-  unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { tables[v] = from[v]; });
+  typename Window::Indexes indexes[kVectors];
+  unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { indexes[v] = Window::load(from[v]); });
   const auto expand = [&](Byte* to, const Byte* window) KESAUDIO_INLINED {
     const Window bytes(window);
     U8x x[kVectors];
-    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = bytes.permute(tables[v]); });
+    unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { x[v] = bytes.permute(indexes[v]); });
     storeAll(to, x);
   };
   for (; units >= kTogether; units -= kTogether, dst += kTogether * out, src += kTogether * in)
@@ -141,8 +144,7 @@ void expandDisjoint(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, co
 }
 
 template <class Window>
-void expandByUnits(const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
-  const Unit<Window> unit(f);
+void expandByUnits(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
   moveApart(dst, f.out, src, f.in, frames,
             [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandDisjoint(unit, f, to, from, count); });
 }
@@ -165,11 +167,9 @@ void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t
   const std::ptrdiff_t whole = frames - 1;
   const Byte* mask = kMask.bytes + 32 - in;
   if (out <= 16)
-    copyPieces<Piece16>(dst, out, src, in, whole, Piece16::mask(mask));
-  else if (out <= 24 && kBlocks == 1)
-    copyPieces<Piece24>(dst, out, src, in, whole, Piece24::mask(mask));
+    copyPieces<Piece16, true>(dst, out, src, in, whole, mask);
   else
-    copyPieces<Piece32>(dst, out, src, in, whole, Piece32::mask(mask));
+    copyPieces<Piece32, true>(dst, out, src, in, whole, mask);
   expandFrame(dst + whole * out, out, src + whole * in, in, Fill::kSilence);
 }
 
@@ -179,18 +179,14 @@ void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* 
                                      std::ptrdiff_t frames, Fill fill) {
   if (frames <= 0) return;
   const FrameSizes f{in, out, fill};
-  const std::ptrdiff_t spanned =
-      out <= kMaxOut ? f.dividedByOut(14) + 2 : 0;  // frames that a block of 16 bytes can touch
-  if (!kHasByteShuffle || in > kMaxIn || out > kMaxOut) {
-    expandByFrame(dst, out, src, in, frames, fill);
-  } else if (fill == Fill::kSilence && fitsPiece(in, out)) {
-    moveApart(dst, out, src, in, frames,
-              [=](Byte* to, const Byte* from, std::ptrdiff_t count) { expandPieces(to, out, from, in, count); });
-  } else if (ShortWindow::fits(in, spanned)) {
-    expandByUnits<ShortWindow>(f, dst, src, frames);
-  } else {
-    expandByUnits<LongWindow>(f, dst, src, frames);
-  }
+  if (!kHasByteShuffle || in > kMaxIn || out > kMaxOut) return expandByFrame(dst, out, src, in, frames, fill);
+  if (const Unit<ShortWindow>* unit = usualUnit(f)) return expandByUnits(*unit, f, dst, src, frames);
+  if (fill == Fill::kSilence && fitsPiece(in, out))
+    return moveApart(dst, out, src, in, frames, [=](Byte* to, const Byte* from, std::ptrdiff_t count) {
+      expandPieces(to, out, from, in, count);
+    });
+  if (ShortWindow::fits(in, out)) return expandByUnits(Unit<ShortWindow>(f), f, dst, src, frames);
+  expandByUnits(Unit<LongWindow>(f), f, dst, src, frames);
 }
 
 namespace {

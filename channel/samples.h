@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+// Frames in memory against vectors of pairs of channels: pairs[p] has channels 2p and 2p + 1 of half a step's frames,
+// left and right in turn.
+#ifndef KESAUDIO_CHANNEL_SAMPLES_H
+#define KESAUDIO_CHANNEL_SAMPLES_H
+
+#include "base/packed24.h"
+#include "channel/frames.h"
+#include "channel/gain.h"
+
+namespace kesaudio::channel {
+
+template <class Format>
+inline constexpr int kStepFrames = (std::is_same_v<Format, S16> ? 8 : 4) * kBlocks;
+
+// ---- samples side by side in 16 bytes
+
+// Picks samples from 16 bytes a block: as many as make a row, from byte `at` on, those from number `count` on silent.
+// Packed samples, four to a row, come out times 256 plus a low byte of no meaning.
+template <class Format>
+struct Row {
+  static constexpr int kSamples = std::is_same_v<Format, S16> ? 8 : 4, kLaneBytes = 16 / kSamples;
+  U8x table;
+  int at, count;
+
+  KESAUDIO_INLINE Row(int first, int samples) : at(first), count(samples) {
+    static constexpr Byte kInOrder[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    const U8x inOrder = broadcastLoad(kInOrder), silent = (U8x)(inOrder >= static_cast<Byte>(count * kLaneBytes));
+    table = ((std::is_same_v<Format, S24> ? broadcastLoad(kUnpack24) : inOrder) + static_cast<Byte>(at)) | silent;
+  }
+  KESAUDIO_INLINE I32x load(const Byte* p, std::ptrdiff_t second) const {
+    if constexpr (!kHasByteShuffle) return loadEach(p);
+    return (I32x)permute(loadBlocks<U8x>(p - at, second), table);
+  }
+  [[gnu::noinline]] I32x loadEach(const Byte* p) const {
+    I32x x = {};
+    for (int i = 0; i < count; ++i) {
+      const std::int32_t sample =
+          std::is_same_v<Format, S24> ? Format::load(p + 3 * i) << 8 : Format::load(p + i * Format::kBytes);
+      std::memcpy(reinterpret_cast<Byte*>(&x) + kLaneBytes * i, &sample, kLaneBytes);
+    }
+    return x;
+  }
+};
+
+// ---- frames
+
+// Loads frames of 2 * kCount channels.
+template <class Format, int kCount>
+struct PairsLoader {
+  static constexpr int kPairs = kCount;
+  explicit PairsLoader(std::int32_t /*channels*/) {}
+  static constexpr std::ptrdiff_t inBytes(std::int32_t = 0) { return frameBytes<Format>(2 * kPairs); }
+
+  template <int kHalf>
+  KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
+    std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> elements[kPairs];
+    loadElements(p, elements);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)elements[i];
+  }
+};
+// Packed, a frame after the other in rows of four samples. Rows of the first half read past their end, those of the
+// second before their start, so neither leaves the step.
+template <int kCount>
+struct PairsLoader<S24, kCount> {
+  static constexpr int kPairs = kCount;
+  const Row<S24> rows[2];
+  explicit PairsLoader(std::int32_t /*channels*/) : rows{{0, 4}, {4, 4}} {}
+  static constexpr std::ptrdiff_t inBytes(std::int32_t = 0) { return frameBytes<S24>(2 * kPairs); }
+
+  template <int kHalf>
+  KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
+    I64x loaded[kPairs], elements[kPairs];
+    for (int i = 0; i < kPairs; ++i) loaded[i] = (I64x)rows[kHalf].load(p + 12 * i, 12 * kPairs);
+    deinterleave(loaded, elements);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = (I32x)elements[i] >> 8;
+  }
+};
+
+// Loads frames of any count of channels in kRows rows each: those that a frame has not are silent, those beyond the
+// rows are left out. Rows overrun their samples as above.
+template <class Format, int kRows>
+struct RowsLoader {
+  static constexpr int kPairs = kRows * Row<Format>::kSamples / 2, kBlockFrames = kStepFrames<Format> / 2 / kBlocks;
+  static constexpr std::ptrdiff_t kRowBytes = frameBytes<Format>(Row<Format>::kSamples);
+  const std::ptrdiff_t in;
+  const Row<Format> first, last, firstBefore, lastBefore;
+
+  static constexpr int samples(std::int32_t channels, int row) {
+    return std::min(static_cast<int>(channels) - row * Row<Format>::kSamples, Row<Format>::kSamples);
+  }
+  static Row<Format> before(int count) { return {16 - count * Format::kBytes, count}; }
+  explicit RowsLoader(std::int32_t channels)
+      : in(inBytes(channels)),
+        first(0, samples(channels, 0)),
+        last(0, samples(channels, kRows - 1)),
+        firstBefore(before(first.count)),
+        lastBefore(before(last.count)) {}
+  static constexpr std::ptrdiff_t inBytes(std::int32_t channels) { return frameBytes<Format>(channels); }
+  std::ptrdiff_t inBytes() const { return in; }
+
+  template <int kHalf>
+  KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
+    unrolled<kRows>([&](auto row) KESAUDIO_INLINED {
+      const Row<Format>& loader =
+          row < kRows - 1 ? (kHalf == 0 ? first : firstBefore) : (kHalf == 0 ? last : lastBefore);
+      std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> frames[kBlockFrames], elements[kBlockFrames];
+      for (int i = 0; i < kBlockFrames; ++i)
+        frames[i] = (decltype(+frames[0]))loader.load(p + i * in + row * kRowBytes, kBlockFrames * in);
+      transpose(frames, elements);
+      for (int i = 0; i < kBlockFrames; ++i) {
+        auto& pair = pairs[row * kBlockFrames + i];
+        pair = (Samples<Format>)elements[i];
+        if constexpr (std::is_same_v<Format, S24>) pair = pair >> 8;
+      }
+    });
+  }
+};
+
+// A packed vector writes up to 4 bytes beyond its samples, which the step's next vector overwrites; the last one
+// writes none.
+template <class Format, bool kIsLast>
+KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
+  if constexpr (!std::is_same_v<Format, S24>)
+    store(p, x);
+  else if constexpr (kIsLast)
+    storePacked24Exactly(p, x);
+  else
+    storePacked24(p, x);
+}
+
+}  // namespace kesaudio::channel
+
+#endif
