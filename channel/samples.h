@@ -15,7 +15,7 @@ inline constexpr int kStepFrames = (std::is_same_v<Format, S16> ? 8 : 4) * kBloc
 
 // ---- samples side by side in 16 bytes
 
-// Picks samples from 16 bytes a block: as many as make a row, from byte `at` on, those from number `count` on silent.
+// Takes a row of samples from 16 bytes a block, beginning with byte `at` of them; only the first `count` sound.
 // Packed samples, four to a row, come out times 256 plus a low byte of no meaning.
 template <class Format>
 struct Row {
@@ -43,7 +43,17 @@ struct Row {
   }
 };
 
+// A row's samples by their value.
+template <class Format>
+KESAUDIO_INLINE Samples<Format> unpacked(Samples<Format> x) {
+  if constexpr (std::is_same_v<Format, S24>) return x >> 8;
+  return x;
+}
+
 // ---- frames
+
+template <class Format>
+using PairLanes = std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x>;  // a pair of samples in each
 
 // Loads frames of 2 * kCount channels.
 template <class Format, int kCount>
@@ -54,13 +64,13 @@ struct PairsLoader {
 
   template <int kHalf>
   KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
-    std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> elements[kPairs];
-    loadElements(p, elements);
-    for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)elements[i];
+    PairLanes<Format> lanes[kPairs];
+    loadElements(p, lanes);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)lanes[i];
   }
 };
-// Packed, a frame after the other in rows of four samples. Rows of the first half read past their end, those of the
-// second before their start, so neither leaves the step.
+// Packed samples come in rows of four, whatever frames these belong to. Rows of the first half read past their end,
+// those of the second before their start, so neither leaves the step.
 template <int kCount>
 struct PairsLoader<S24, kCount> {
   static constexpr int kPairs = kCount;
@@ -70,49 +80,43 @@ struct PairsLoader<S24, kCount> {
 
   template <int kHalf>
   KESAUDIO_INLINE void load(const Byte* p, I32x (&pairs)[kPairs]) const {
-    I64x loaded[kPairs], elements[kPairs];
+    I64x loaded[kPairs], lanes[kPairs];
     for (int i = 0; i < kPairs; ++i) loaded[i] = (I64x)rows[kHalf].load(p + 12 * i, 12 * kPairs);
-    deinterleave(loaded, elements);
-    for (int i = 0; i < kPairs; ++i) pairs[i] = (I32x)elements[i] >> 8;
+    deinterleave(loaded, lanes);
+    for (int i = 0; i < kPairs; ++i) pairs[i] = unpacked<S24>((I32x)lanes[i]);
   }
 };
 
-// Loads frames of any count of channels in kRows rows each: those that a frame has not are silent, those beyond the
-// rows are left out. Rows overrun their samples as above.
+// Loads frames of any channel count in kRows rows each: channels that a frame lacks are silent, those beyond the rows
+// are left out. Rows overrun their samples as above.
 template <class Format, int kRows>
 struct RowsLoader {
-  static constexpr int kPairs = kRows * Row<Format>::kSamples / 2, kBlockFrames = kStepFrames<Format> / 2 / kBlocks;
-  static constexpr std::ptrdiff_t kRowBytes = frameBytes<Format>(Row<Format>::kSamples);
+  static constexpr int kSamples = Row<Format>::kSamples, kPairs = kRows * kSamples / 2;
+  static constexpr int kBlockFrames = kStepFrames<Format> / 2 / kBlocks;  // of half a step
   const std::ptrdiff_t in;
-  const Row<Format> first, last, firstBefore, lastBefore;
+  const Row<Format> full[2], last[2];  // for each half: the first of two rows, and a frame's last one
 
-  static constexpr int samples(std::int32_t channels, int row) {
-    return std::min(static_cast<int>(channels) - row * Row<Format>::kSamples, Row<Format>::kSamples);
-  }
-  static Row<Format> before(int count) { return {16 - count * Format::kBytes, count}; }
   explicit RowsLoader(std::int32_t channels)
       : in(inBytes(channels)),
-        first(0, samples(channels, 0)),
-        last(0, samples(channels, kRows - 1)),
-        firstBefore(before(first.count)),
-        lastBefore(before(last.count)) {}
+        full{{0, kSamples}, row(kSamples)},
+        last{{0, inLastRow(channels)}, row(inLastRow(channels))} {}
+  static constexpr int inLastRow(std::int32_t channels) {
+    return std::min(channels - (kRows - 1) * kSamples, kSamples);
+  }
+  static Row<Format> row(int count) { return {16 - count * Format::kBytes, count}; }  // that ends with its samples
   static constexpr std::ptrdiff_t inBytes(std::int32_t channels) { return frameBytes<Format>(channels); }
   std::ptrdiff_t inBytes() const { return in; }
 
   template <int kHalf>
   KESAUDIO_INLINE void load(const Byte* p, Samples<Format> (&pairs)[kPairs]) const {
-    unrolled<kRows>([&](auto row) KESAUDIO_INLINED {
-      const Row<Format>& loader =
-          row < kRows - 1 ? (kHalf == 0 ? first : firstBefore) : (kHalf == 0 ? last : lastBefore);
-      std::conditional_t<std::is_same_v<Format, S16>, I32x, I64x> frames[kBlockFrames], elements[kBlockFrames];
+    unrolled<kRows>([&](auto r) KESAUDIO_INLINED {
+      const Row<Format>& samples = r < kRows - 1 ? full[kHalf] : last[kHalf];
+      PairLanes<Format> frames[kBlockFrames], lanes[kBlockFrames];
       for (int i = 0; i < kBlockFrames; ++i)
-        frames[i] = (decltype(+frames[0]))loader.load(p + i * in + row * kRowBytes, kBlockFrames * in);
-      transpose(frames, elements);
-      for (int i = 0; i < kBlockFrames; ++i) {
-        auto& pair = pairs[row * kBlockFrames + i];
-        pair = (Samples<Format>)elements[i];
-        if constexpr (std::is_same_v<Format, S24>) pair = pair >> 8;
-      }
+        frames[i] = (PairLanes<Format>)samples.load(p + i * in + frameBytes<Format>(r * kSamples), kBlockFrames * in);
+      transpose(frames, lanes);
+      for (int i = 0; i < kBlockFrames; ++i)
+        pairs[r * kBlockFrames + i] = unpacked<Format>((Samples<Format>)lanes[i]);
     });
   }
 };

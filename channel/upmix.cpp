@@ -173,20 +173,27 @@ void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t
   expandFrame(dst + whole * out, out, src + whole * in, in, Fill::kSilence);
 }
 
+// Frames of sizes whose tables are to be made first.
+[[gnu::noinline]] void expandOtherSizes(const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
+  const auto [in, out, fill] = f;
+  if (fill == Fill::kSilence && fitsPiece(in, out))
+    moveApart(dst, out, src, in, frames,
+              [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandPieces(to, f.out, from, f.in, count); });
+  else if (ShortWindow::fits(in, out))
+    expandByUnits(Unit<ShortWindow>(f), f, dst, src, frames);
+  else
+    expandByUnits(Unit<LongWindow>(f), f, dst, src, frames);
+}
+
 }  // namespace
 
 void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                      std::ptrdiff_t frames, Fill fill) {
-  if (frames <= 0) return;
   const FrameSizes f{in, out, fill};
+  if (frames <= 0) return;
   if (!kHasByteShuffle || in > kMaxIn || out > kMaxOut) return expandByFrame(dst, out, src, in, frames, fill);
   if (const Unit<ShortWindow>* unit = usualUnit(f)) return expandByUnits(*unit, f, dst, src, frames);
-  if (fill == Fill::kSilence && fitsPiece(in, out))
-    return moveApart(dst, out, src, in, frames, [=](Byte* to, const Byte* from, std::ptrdiff_t count) {
-      expandPieces(to, out, from, in, count);
-    });
-  if (ShortWindow::fits(in, out)) return expandByUnits(Unit<ShortWindow>(f), f, dst, src, frames);
-  expandByUnits(Unit<LongWindow>(f), f, dst, src, frames);
+  expandOtherSizes(f, dst, src, frames);
 }
 
 namespace {
