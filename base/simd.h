@@ -37,6 +37,8 @@ typedef std::int16_t I16x __attribute__((vector_size(kVectorBytes)));
 typedef std::int32_t I32x __attribute__((vector_size(kVectorBytes)));
 typedef std::uint32_t U32x __attribute__((vector_size(kVectorBytes)));
 typedef std::int64_t I64x __attribute__((vector_size(kVectorBytes)));
+typedef float F32x __attribute__((vector_size(kVectorBytes)));
+typedef double F64x __attribute__((vector_size(kVectorBytes)));
 
 template <class Vector>
 KESAUDIO_INLINE Vector load(const Byte* p) {
@@ -56,6 +58,56 @@ template <int kCount, class Body>
 KESAUDIO_INLINE void unrolled(Body body) {
   [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED { (body(std::integral_constant<int, i>{}), ...); }
   (std::make_integer_sequence<int, kCount>());
+}
+
+// Lanes of x and y in another order, in every block: lane i is lane source(i, n) of the n of x and the n of y after
+// one another.
+template <class Vector, class Source>
+KESAUDIO_INLINE Vector shuffle(Vector x, Vector y, Source) {
+  constexpr int kLaneBytes = sizeof x[0], kAll = kVectorBytes / kLaneBytes, n = 16 / kLaneBytes;
+  constexpr auto at = [](int lane) {
+    const int from = Source()(lane % n, n);
+    return lane / n * n + (from < n ? from : from - n + kAll);
+  };
+  // As floating point: g++ then takes one SHUFPS where it would take two shuffles of integers.
+  using Shuffled = std::conditional_t<kLaneBytes == 4, F32x, std::conditional_t<kLaneBytes == 8, F64x, Vector>>;
+  return [&]<int... lane>(std::integer_sequence<int, lane...>) KESAUDIO_INLINED {
+    return (Vector)__builtin_shufflevector((Shuffled)x, (Shuffled)y, at(lane)...);
+  }
+  (std::make_integer_sequence<int, kAll>());
+}
+template <int... from, class Vector>
+KESAUDIO_INLINE Vector shuffle(Vector x, Vector y) {
+  return shuffle(x, y, [](int i, int) {
+    constexpr int kFrom[] = {from...};
+    return kFrom[i];
+  });
+}
+
+// Lanes of x and y in turn, from the lower half of each block and from the upper one (ZIP1, ZIP2; UNPCKL, UNPCKH).
+template <class Vector>
+KESAUDIO_INLINE Vector zipLow(Vector x, Vector y) {
+  return shuffle(x, y, [](int i, int n) { return i / 2 + i % 2 * n; });
+}
+template <class Vector>
+KESAUDIO_INLINE Vector zipHigh(Vector x, Vector y) {
+  return shuffle(x, y, [](int i, int n) { return (n + i) / 2 + i % 2 * n; });
+}
+
+// The even lanes of x, then of y; the odd ones (UZP1, UZP2; SHUFPS).
+template <class Vector>
+KESAUDIO_INLINE Vector unzipEven(Vector x, Vector y) {
+  return shuffle(x, y, [](int i, int) { return 2 * i; });
+}
+template <class Vector>
+KESAUDIO_INLINE Vector unzipOdd(Vector x, Vector y) {
+  return shuffle(x, y, [](int i, int) { return 2 * i + 1; });
+}
+
+// Each even lane twice (TRN1).
+template <class Vector>
+KESAUDIO_INLINE Vector duplicateEven(Vector x) {
+  return shuffle(x, x, [](int i, int) { return i / 2 * 2; });
 }
 
 // Where each byte of a vector comes from.
@@ -86,7 +138,7 @@ KESAUDIO_INLINE void deinterleave(const I64x (&m)[kCount], I64x (&x)[kCount]) {
   if constexpr (kCount == 1) {
     x[0] = m[0];
   } else if constexpr (kCount == 3) {  // a0 b0, c0 a1, b1 c1
-    x[0] = shuffle<0, 1>(m[0], m[1]), x[1] = shuffle<1, 0>(m[0], m[2]), x[2] = shuffle<0, 1>(m[1], m[2]);
+    x[0] = shuffle<0, 3>(m[0], m[1]), x[1] = shuffle<1, 2>(m[0], m[2]), x[2] = shuffle<0, 3>(m[1], m[2]);
   } else {
     constexpr int kHalf = kCount / 2;
     for (int i = 0; i < kHalf; ++i) x[2 * i] = zipLow(m[i], m[i + kHalf]), x[2 * i + 1] = zipHigh(m[i], m[i + kHalf]);

@@ -87,30 +87,6 @@ KESAUDIO_INLINE void storeAll(Byte* p, const U8x (&x)[kCount]) {
   }
 }
 
-// UZP1, UZP2: the even lanes of x, then of y; the odd ones.
-KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)vuzp1q_s16((int16x8_t)x, (int16x8_t)y); }
-KESAUDIO_INLINE I16x unzipOdd(I16x x, I16x y) { return (I16x)vuzp2q_s16((int16x8_t)x, (int16x8_t)y); }
-KESAUDIO_INLINE I32x unzipEven(I32x x, I32x y) { return (I32x)vuzp1q_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I32x unzipOdd(I32x x, I32x y) { return (I32x)vuzp2q_s32((int32x4_t)x, (int32x4_t)y); }
-
-// ZIP1, ZIP2: lanes of x and y in turn, from the lower half and from the upper one.
-KESAUDIO_INLINE I16x zipLow(I16x x, I16x y) { return (I16x)vzip1q_s16((int16x8_t)x, (int16x8_t)y); }
-KESAUDIO_INLINE I16x zipHigh(I16x x, I16x y) { return (I16x)vzip2q_s16((int16x8_t)x, (int16x8_t)y); }
-KESAUDIO_INLINE I32x zipLow(I32x x, I32x y) { return (I32x)vzip1q_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I32x zipHigh(I32x x, I32x y) { return (I32x)vzip2q_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)vzip1q_s64((int64x2_t)x, (int64x2_t)y); }
-KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)vzip2q_s64((int64x2_t)x, (int64x2_t)y); }
-
-// EXT and INS: a lane of x, then one of y.
-template <int i0, int i1>
-KESAUDIO_INLINE I64x shuffle(I64x x, I64x y) {
-  return __builtin_shufflevector(x, y, i0, i1 + 2);
-}
-
-// TRN1: each even lane twice.
-KESAUDIO_INLINE I16x duplicateEven(I16x x) { return (I16x)vtrn1q_s16((int16x8_t)x, (int16x8_t)x); }
-KESAUDIO_INLINE I32x duplicateEven(I32x x) { return (I32x)vtrn1q_s32((int32x4_t)x, (int32x4_t)x); }
-
 // From the order of two vectors that were unzipped or narrowed block by block to that of memory.
 template <class Vector>
 KESAUDIO_INLINE Vector undoBlockOrder(Vector x) {

@@ -22,8 +22,6 @@ typedef __m128i Register;
 typedef __m128 FloatRegister;
 typedef __m128d DoubleRegister;
 #endif
-typedef float Floats __attribute__((vector_size(kVectorBytes)));
-typedef double Doubles __attribute__((vector_size(kVectorBytes)));
 
 // ---- moves
 
@@ -145,41 +143,9 @@ KESAUDIO_INLINE void storeAll(Byte* p, const U8x (&x)[kCount]) {
   for (int i = 0; i < kCount; ++i) store(p + i * kVectorBytes, x[i]);
 }
 
-// SHUFPS, SHUFPD: in every block lanes of x, then lanes of y.
-template <int i0, int i1, int i2, int i3>
-KESAUDIO_INLINE I32x shuffle(I32x x, I32x y) {
-  return (I32x)KESAUDIO_X86(shuffle_ps)((FloatRegister)x, (FloatRegister)y, i0 | i1 << 2 | i2 << 4 | i3 << 6);
-}
-template <int i0, int i1>
-KESAUDIO_INLINE I64x shuffle(I64x x, I64x y) {
-  constexpr int kBlock = i0 | i1 << 1;
-  return (I64x)KESAUDIO_X86(shuffle_pd)((DoubleRegister)x, (DoubleRegister)y, kBlocks == 2 ? kBlock * 5 : kBlock);
-}
-// In every block the lanes of x in another order.
-template <int... i>
-KESAUDIO_INLINE I16x reorder(I16x x) {
-#if defined(__AVX2__)
-  return __builtin_shufflevector(x, x, i..., (i + 8)...);
-#else
-  return __builtin_shufflevector(x, x, i...);
-#endif
-}
-
-KESAUDIO_INLINE I64x zipLow(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpacklo_epi64)((Register)x, (Register)y); }
-KESAUDIO_INLINE I64x zipHigh(I64x x, I64x y) { return (I64x)KESAUDIO_X86(unpackhi_epi64)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x zipLow(I32x x, I32x y) { return (I32x)KESAUDIO_X86(unpacklo_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x zipHigh(I32x x, I32x y) { return (I32x)KESAUDIO_X86(unpackhi_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I16x zipLow(I16x x, I16x y) { return (I16x)KESAUDIO_X86(unpacklo_epi16)((Register)x, (Register)y); }
-KESAUDIO_INLINE I16x zipHigh(I16x x, I16x y) { return (I16x)KESAUDIO_X86(unpackhi_epi16)((Register)x, (Register)y); }
-
-KESAUDIO_INLINE I32x unzipEven(I32x x, I32x y) { return shuffle<0, 2, 0, 2>(x, y); }
-KESAUDIO_INLINE I32x unzipOdd(I32x x, I32x y) { return shuffle<1, 3, 1, 3>(x, y); }
-KESAUDIO_INLINE I64x evenThenOdd(I16x x) { return (I64x)reorder<0, 2, 4, 6, 1, 3, 5, 7>(x); }
+KESAUDIO_INLINE I64x evenThenOdd(I16x x) { return (I64x)shuffle<0, 2, 4, 6, 1, 3, 5, 7>(x, x); }
 KESAUDIO_INLINE I16x unzipEven(I16x x, I16x y) { return (I16x)zipLow(evenThenOdd(x), evenThenOdd(y)); }
 KESAUDIO_INLINE I16x unzipOdd(I16x x, I16x y) { return (I16x)zipHigh(evenThenOdd(x), evenThenOdd(y)); }
-
-KESAUDIO_INLINE I16x duplicateEven(I16x x) { return reorder<0, 0, 2, 2, 4, 4, 6, 6>(x); }
-KESAUDIO_INLINE I32x duplicateEven(I32x x) { return shuffle<0, 0, 2, 2>(x, x); }
 
 template <class Vector>
 KESAUDIO_INLINE Vector undoBlockOrder(Vector x) {
@@ -204,11 +170,11 @@ KESAUDIO_INLINE void loadElements(const Byte* p, I32x (&x)[kCount]) {
   } else if constexpr (kCount == 2) {
     x[0] = unzipEven(m[0], m[1]), x[1] = unzipOdd(m[0], m[1]);
   } else if constexpr (kCount == 3) {  // a0 b0 c0 a1, b1 c1 a2 b2, c2 a3 b3 c3
-    const I32x a2b2c2a3 = shuffle<2, 3, 0, 1>(m[1], m[2]), b0c0b1c1 = shuffle<1, 2, 0, 1>(m[0], m[1]);
-    const I32x b2b2b3b3 = shuffle<1, 1, 2, 2>(a2b2c2a3, m[2]);
-    x[0] = shuffle<0, 3, 0, 3>(m[0], a2b2c2a3);
-    x[1] = shuffle<0, 2, 0, 2>(b0c0b1c1, b2b2b3b3);
-    x[2] = shuffle<1, 3, 0, 3>(b0c0b1c1, m[2]);
+    const I32x a2b2c2a3 = shuffle<2, 3, 4, 5>(m[1], m[2]), b0c0b1c1 = shuffle<1, 2, 4, 5>(m[0], m[1]);
+    const I32x b2b2b3b3 = shuffle<1, 1, 6, 6>(a2b2c2a3, m[2]);
+    x[0] = shuffle<0, 3, 4, 7>(m[0], a2b2c2a3);
+    x[1] = shuffle<0, 2, 4, 6>(b0c0b1c1, b2b2b3b3);
+    x[2] = shuffle<1, 3, 4, 7>(b0c0b1c1, m[2]);
   } else {
     transpose(m, x);
   }
@@ -232,15 +198,16 @@ KESAUDIO_INLINE void loadSides(const Byte* p, Vector& left, Vector& right) {
 // second of which ends with them.
 KESAUDIO_INLINE void loadTriples(const Byte* p, I16x (&sides)[2], I16x (&third)[2]) {
   for (int half = 0; half < 2; ++half, p += 24 * kBlocks) {
-    const auto first = (I64x)reorder<0, 1, 3, 4, 2, 2, 5, 5>(loadBlocks<I16x>(p, 24));
-    const auto last = (I64x)reorder<2, 3, 5, 6, 4, 4, 7, 7>(loadBlocks<I16x>(p + 8, 24));
+    const I16x a = loadBlocks<I16x>(p, 24), b = loadBlocks<I16x>(p + 8, 24);
+    const auto first = (I64x)shuffle<0, 1, 3, 4, 2, 2, 5, 5>(a, a);
+    const auto last = (I64x)shuffle<2, 3, 5, 6, 4, 4, 7, 7>(b, b);
     sides[half] = (I16x)zipLow(first, last), third[half] = (I16x)zipHigh(first, last);
   }
 }
 KESAUDIO_INLINE void loadTriples(const Byte* p, I32x (&sides)[2], I32x (&third)[2]) {
   for (int half = 0; half < 2; ++half, p += 24 * kBlocks) {
     const I32x first = loadBlocks<I32x>(p, 24), last = loadBlocks<I32x>(p + 8, 24);
-    sides[half] = shuffle<0, 1, 1, 2>(first, last), third[half] = shuffle<2, 2, 3, 3>(first, last);
+    sides[half] = shuffle<0, 1, 5, 6>(first, last), third[half] = shuffle<2, 2, 7, 7>(first, last);
   }
 }
 template <class Vector>
@@ -343,18 +310,18 @@ KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
 
 // The sum of at most eight 16-bit samples.
 KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) {
-  return __builtin_convertvector(__builtin_convertvector(sum, Floats) * by.small, I32x);
+  return __builtin_convertvector(__builtin_convertvector(sum, F32x) * by.small, I32x);
 }
 
 // Two doubles to a 32-bit lane each, rounded towards zero.
 #if defined(__AVX2__)
-KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm256_cvttpd_epi32((DoubleRegister)x); }
+KESAUDIO_INLINE __m128i truncate(F64x x) { return _mm256_cvttpd_epi32((DoubleRegister)x); }
 KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm256_set_m128i(high, low); }
 KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) {
   return joinHalves(_mm_unpacklo_epi32(even, odd), _mm_unpackhi_epi32(even, odd));
 }
 #else
-KESAUDIO_INLINE __m128i truncate(Doubles x) { return _mm_cvttpd_epi32((DoubleRegister)x); }
+KESAUDIO_INLINE __m128i truncate(F64x x) { return _mm_cvttpd_epi32((DoubleRegister)x); }
 KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm_unpacklo_epi64(low, high); }
 KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) { return (I32x)_mm_unpacklo_epi32(even, odd); }
 #endif
@@ -370,8 +337,8 @@ KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
       (I32x)KESAUDIO_X86(blend_epi16)(KESAUDIO_X86(srli_epi64)((Register)even, 31), (Register)(odd << 1), 0xCC);
   return floor - (floor >> 31);
 #else
-  const auto low = (Doubles)_mm_cvtepi32_pd((Register)sum);
-  const auto high = (Doubles)_mm_cvtepi32_pd((Register)zipHigh((I64x)sum, (I64x)sum));
+  const auto low = (F64x)_mm_cvtepi32_pd((Register)sum);
+  const auto high = (F64x)_mm_cvtepi32_pd((Register)zipHigh((I64x)sum, (I64x)sum));
   return joinHalves(truncate(low * by.wide), truncate(high * by.wide));
 #endif
 }
@@ -396,7 +363,7 @@ KESAUDIO_INLINE WideSums addPairs(I32x x, I32x y) {
 }
 // Adding a sum to the bits of 1.5 * 2^52 gives the double 1.5 * 2^52 + sum.
 KESAUDIO_INLINE __m128i divide(I64x sum, std::int64_t excess, Divisor by) {
-  return truncate(((Doubles)(sum + (0x4338000000000000 - excess)) - 0x1.8p52) * by.wide);
+  return truncate(((F64x)(sum + (0x4338000000000000 - excess)) - 0x1.8p52) * by.wide);
 }
 KESAUDIO_INLINE I32x divide(WideSums sum, Divisor by) {
   return interleaveHalves(divide(sum.even, sum.excess, by), divide(sum.odd, sum.excess, by));
