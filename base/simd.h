@@ -110,6 +110,16 @@ KESAUDIO_INLINE Vector duplicateEven(Vector x) {
   return shuffle(x, x, [](int i, int) { return i / 2 * 2; });
 }
 
+// SMIN, SMAX; PMINS, PMAXS.
+template <class Vector>
+KESAUDIO_INLINE Vector minimum(Vector x, Vector y) {
+  return x < y ? x : y;
+}
+template <class Vector>
+KESAUDIO_INLINE Vector maximum(Vector x, Vector y) {
+  return x < y ? y : x;
+}
+
 // Where each byte of a vector comes from.
 inline constexpr Byte kSilent = 255;
 struct ByteTable {

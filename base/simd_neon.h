@@ -163,10 +163,6 @@ inline constexpr bool kHasSaturatingAdd32 = true;  // in one instruction
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) { return (I16x)vqaddq_s16((int16x8_t)x, (int16x8_t)y); }
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((int32x4_t)x, (int32x4_t)y); }
 
-// SMIN, SMAX.
-KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return (I32x)vminq_s32((int32x4_t)x, (int32x4_t)y); }
-KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return (I32x)vmaxq_s32((int32x4_t)x, (int32x4_t)y); }
-
 // SADDL2, SADDW2: the upper halves widened and added. From the intrinsics clang 14 would take the halves out first.
 KESAUDIO_INLINE int64x2_t addUpperHalves(int32x4_t x, int32x4_t y) {
   int64x2_t sum;
@@ -216,11 +212,11 @@ KESAUDIO_INLINE I32x addAdjacent(I32x x, I32x y) { return (I32x)vpaddq_s32((int3
 // (x + y) / 2, rounded towards zero: SHADD rounds down, SRHADD up; of the two, the one nearer to zero.
 KESAUDIO_INLINE I16x averageOfTwo(I16x x, I16x y) {
   const int16x8_t down = vhaddq_s16((int16x8_t)x, (int16x8_t)y), up = vrhaddq_s16((int16x8_t)x, (int16x8_t)y);
-  return (I16x)vmaxq_s16(down, vminq_s16(up, int16x8_t{}));
+  return maximum((I16x)down, minimum((I16x)up, I16x{}));
 }
 KESAUDIO_INLINE I32x averageOfTwo(I32x x, I32x y) {
   const int32x4_t down = vhaddq_s32((int32x4_t)x, (int32x4_t)y), up = vrhaddq_s32((int32x4_t)x, (int32x4_t)y);
-  return (I32x)vmaxq_s32(down, vminq_s32(up, int32x4_t{}));
+  return maximum((I32x)down, minimum((I32x)up, I32x{}));
 }
 
 // ---- averages

@@ -245,18 +245,8 @@ KESAUDIO_INLINE I32x scaleAndShift(I32x x, std::uint16_t factor, int shift) {
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) {
   return (I16x)KESAUDIO_X86(adds_epi16)((Register)x, (Register)y);
 }
-// selectNegative: lanes of y where x is negative, else of z.
-#if defined(__SSE4_1__)
-KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return (I32x)KESAUDIO_X86(min_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return (I32x)KESAUDIO_X86(max_epi32)((Register)x, (Register)y); }
-KESAUDIO_INLINE I32x selectNegative(I32x x, I32x y, I32x z) {
-  return (I32x)KESAUDIO_X86(blendv_ps)((FloatRegister)z, (FloatRegister)y, (FloatRegister)x);
-}
-#else
-KESAUDIO_INLINE I32x minimum(I32x x, I32x y) { return x < y ? x : y; }
-KESAUDIO_INLINE I32x maximum(I32x x, I32x y) { return x < y ? y : x; }
+// BLENDV: lanes of y where x is negative, else of z.
 KESAUDIO_INLINE I32x selectNegative(I32x x, I32x y, I32x z) { return x < 0 ? y : z; }
-#endif
 inline constexpr bool kHasSaturatingAdd32 = false;
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) {
   const auto sum = (I32x)((U32x)x + (U32x)y);
