@@ -31,21 +31,22 @@ KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16
 
 // Windows of memory, permuted by tables: an entry is the number of a window byte, or kSilent, which gives 0.
 struct ShortWindow {
-  static constexpr std::ptrdiff_t kBytes = 16;
+  static constexpr int kBytes = 16;
   using Table = ByteTable;
   using Indexes = U8x;  // a table in registers
   KESAUDIO_INLINE static Indexes load(const Table& table) { return kesaudio::load<U8x>(table.bytes); }
-  // Whether every block of output finds its bytes, for frames of in bytes made out bytes long.
-  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t /*out*/) { return in <= kBytes; }
+  // Whether a vector can be made of these window bytes.
+  static constexpr bool reaches(const Byte* /*sources*/) { return true; }
   U8x bytes;
   KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
   KESAUDIO_INLINE U8x permute(Indexes indexes) const { return kesaudio::permute(bytes, indexes); }
 };
 struct LongWindow {
-  static constexpr std::ptrdiff_t kBytes = 32;
+  static constexpr int kBytes = 32;
   using Table = ByteTable;
   using Indexes = U8x;
   KESAUDIO_INLINE static Indexes load(const Table& table) { return ShortWindow::load(table); }
+  static constexpr bool reaches(const Byte* /*sources*/) { return true; }
   uint8x16x2_t bytes;
   KESAUDIO_INLINE explicit LongWindow(const Byte* p) : bytes(vld1q_u8_x2(p)) {}
   KESAUDIO_INLINE U8x permute(Indexes indexes) const { return (U8x)vqtbl2q_u8(bytes, (uint8x16_t)indexes); }

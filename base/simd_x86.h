@@ -59,58 +59,56 @@ inline constexpr bool kHasByteShuffle = false;
 inline U8x permute(U8x x, U8x) { return x; }
 #endif
 
-struct ShortWindow {
-  U8x bytes;
-  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
 #if defined(__AVX2__)
-  // VPERMD first moves the 16 window bytes that a block needs, from a multiple of 4 on, into that block.
-  static constexpr std::ptrdiff_t kBytes = 32;
+// A vector takes its bytes from 16 of the window's, which VBROADCASTI128 loads into both blocks.
+struct ShortWindow {
+  static constexpr int kBytes = 32;
+  static constexpr Byte first(const Byte* sources) {
+    return std::min(*std::min_element(sources, sources + 32), Byte{16});
+  }
+  static constexpr bool reaches(const Byte* sources) {
+    return std::all_of(sources, sources + 32, [=](Byte s) { return s == kSilent || s - first(sources) < 16; });
+  }
   struct Table {
     ByteTable bytes;
-    std::int32_t words[8] = {};
+    std::ptrdiff_t at = 0;
     constexpr Table() = default;
-    constexpr explicit Table(const Byte* sources) : bytes(sources) {
-      for (int block = 0; block < 2; ++block) {
-        Byte first = 16;
-        for (int i = 0; i < 16; ++i) first = std::min(first, sources[16 * block + i]);
-        const int word = first / 4;
-        for (int i = 0; i < 4; ++i) words[4 * block + i] = word + i;
-        for (int i = 0; i < 16; ++i)
-          if (sources[16 * block + i] != kSilent) bytes.bytes[16 * block + i] -= static_cast<Byte>(4 * word);
-      }
+    constexpr explicit Table(const Byte* sources) : bytes(sources), at(first(sources)) {
+      for (Byte& s : bytes.bytes)
+        if (s != kSilent) s = static_cast<Byte>(s - at);
     }
   };
   struct Indexes {
     U8x bytes;
-    I32x words;
+    std::ptrdiff_t at;
   };
   KESAUDIO_INLINE static Indexes load(const Table& table) {
-    Indexes x{kesaudio::load<U8x>(table.bytes.bytes), {}};
-    std::memcpy(&x.words, table.words, sizeof x.words);
-    return x;
+    return {kesaudio::load<U8x>(table.bytes.bytes), table.at};
   }
-  // A block touches out's frames from the one of its first byte to that of its last.
-  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t out) {
-    return (14 / static_cast<int>(out) + 2) * in + (in % 4 == 0 ? 0 : 3) <= 16;
-  }
+  const Byte* bytes;
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(p) {}
   KESAUDIO_INLINE U8x permute(const Indexes& indexes) const {
-    return kesaudio::permute((U8x)_mm256_permutevar8x32_epi32((Register)bytes, (Register)indexes.words),
-                             indexes.bytes);
+    return kesaudio::permute(broadcastLoad(bytes + indexes.at), indexes.bytes);
   }
+};
 #else
-  static constexpr std::ptrdiff_t kBytes = 16;
+struct ShortWindow {
+  static constexpr int kBytes = 16;
   using Table = ByteTable;
   using Indexes = U8x;
+  static constexpr bool reaches(const Byte*) { return true; }
   KESAUDIO_INLINE static Indexes load(const Table& table) { return kesaudio::load<U8x>(table.bytes); }
-  static constexpr bool fits(std::ptrdiff_t in, std::ptrdiff_t) { return in <= kBytes; }
+  U8x bytes;
+  KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
   KESAUDIO_INLINE U8x permute(Indexes indexes) const { return kesaudio::permute(bytes, indexes); }
-#endif
 };
+#endif
 
 // Two lookups, of which each finds 128 or more for the bytes of the other half.
 struct LongWindow {
-  static constexpr std::ptrdiff_t kBytes = 32;
+  static constexpr int kBytes = 32;
   using Table = ByteTable;
+  static constexpr bool reaches(const Byte*) { return true; }
   struct Indexes {
     U8x low, high;
   };

@@ -50,7 +50,7 @@ struct FrameSizes {
   Fill fill;
 };
 
-// The window byte that each byte of a unit comes from.
+// The window byte that each of the first `count` bytes of a unit comes from.
 constexpr void findSources(Byte* sources, std::ptrdiff_t count, FrameSizes f) {
   std::ptrdiff_t frame = 0, j = 0, source = 0;  // byte j of an output frame is byte `source` of the input frame
   for (std::ptrdiff_t i = 0; i < count; ++i) {
@@ -60,19 +60,28 @@ constexpr void findSources(Byte* sources, std::ptrdiff_t count, FrameSizes f) {
   }
 }
 
-// As many whole frames as one window of input holds and kMaxVectors vectors of output take.
+// As many whole frames as one window of input holds and kMaxVectors vectors of output take; where a vector's bytes
+// are out of its reach, as many as 16 bytes hold and one vector takes.
 template <class Window>
 struct Unit {
-  std::ptrdiff_t frames, vectors;
+  std::ptrdiff_t frames = 0, vectors = 0;
   typename Window::Table tables[kMaxVectors] = {};
 
-  constexpr explicit Unit(FrameSizes f)
-      : frames(std::min(static_cast<int>(Window::kBytes) / static_cast<int>(f.in),
-                        kMaxVectors * kVectorBytes / static_cast<int>(f.out))),
-        vectors((frames * f.out + kVectorBytes - 1) / kVectorBytes) {
-    Byte sources[kMaxVectors * kVectorBytes] = {};
-    findSources(sources, vectors * kVectorBytes, f);
-    for (int v = 0; v < vectors; ++v) tables[v] = typename Window::Table(sources + v * kVectorBytes);
+  constexpr explicit Unit(FrameSizes f) {
+    if (!make(f, Window::kBytes, kMaxVectors)) make(f, 16, 1);
+  }
+  constexpr bool make(FrameSizes f, int window, int mostVectors) {
+    frames = std::min(window / static_cast<int>(f.in), mostVectors * kVectorBytes / static_cast<int>(f.out));
+    vectors = (frames * f.out + kVectorBytes - 1) / kVectorBytes;
+    Byte sources[kMaxVectors * kVectorBytes];
+    std::fill(sources, std::end(sources), kSilent);
+    findSources(sources, frames * f.out, f);
+    bool reached = true;
+    for (int v = 0; v < vectors; ++v) {
+      tables[v] = typename Window::Table(sources + v * kVectorBytes);
+      reached = reached && Window::reaches(sources + v * kVectorBytes);
+    }
+    return reached;
   }
 };
 
@@ -98,7 +107,7 @@ const Unit<ShortWindow>* usualUnit(const FrameSizes& f) {
 template <class Window, int kVectors>
 [[gnu::noinline]] void expandUnits(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                    std::ptrdiff_t units, const typename Window::Table* from) {
-  constexpr int kTogether = kVectors <= 2 ? 4 : 2;
+  constexpr int kTogether = kVectors <= 2 ? 4 : 2 / kBlocks;
   typename Window::Indexes indexes[kVectors];
   unrolled<kVectors>([&](auto v) KESAUDIO_INLINED { indexes[v] = Window::load(from[v]); });
   const auto expand = [&](Byte* to, const Byte* window) KESAUDIO_INLINED {
@@ -179,8 +188,8 @@ void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t
   if (fill == Fill::kSilence && fitsPiece(in, out))
     moveApart(dst, out, src, in, frames,
               [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandPieces(to, f.out, from, f.in, count); });
-  else if (ShortWindow::fits(in, out))
-    expandByUnits(Unit<ShortWindow>(f), f, dst, src, frames);
+  else if (const Unit<ShortWindow> unit(f); unit.frames > 0)
+    expandByUnits(unit, f, dst, src, frames);
   else
     expandByUnits(Unit<LongWindow>(f), f, dst, src, frames);
 }
