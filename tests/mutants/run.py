@@ -2,8 +2,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """Plants the faults of faults.txt one by one in a copy of the sources, and demands that a test turns red for each.
 
-Usage: run.py [PATTERN]    those in whose build, place and description it is found, a regular expression; without it,
-                           all
+Usage: run.py [PATTERN]    the faults in whose build, place and description the regular expression is found; without
+                           it, all
+       run.py --places     only checks that each fault still has its place in the sources
 
 A fault that no test finds, whose text is not in its function exactly once, or that does not compile is named at the
 end, and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
@@ -134,8 +135,17 @@ def try_build(name, faults):
     return bad
 
 
+def check_places():
+    lost = [f"{file} {name}: {description}" for fault in read_list("").values()
+            for file, name, description, old, new, _ in fault
+            if not (ROOT / file).exists() or planted((ROOT / file).read_text(), name, old, new) is None]
+    sys.exit("\n".join(["faults without a place, or with several:", *lost]) if lost else 0)
+
+
 def main():
     pattern = sys.argv[1] if len(sys.argv) > 1 else ""
+    if pattern == "--places":
+        check_places()
     try:
         faults = read_list(pattern)
     except re.error as error:
