@@ -13,17 +13,19 @@
 // no output passes the threshold. Every gain is an integer rounded down, and exactly 1 where nothing is limited.
 //
 // Internal buffer, from its first multiple of 8 bytes on: a Stream. There is no scratch.
-#include "platform/limiter_lib.h"
+#include "host/limiter.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
 
+#include "platform/limiter_lib.h"
+
 namespace {
 
 constexpr int32_t kUnity = 1 << 30;
-constexpr uint32_t kThreshold = LIMITER_THRESHOLD, kStep = 1 << 9;  // of 16 bits, in 8.24
-constexpr uint32_t kMaxDelay = LIMITER_DELAY_FRAMES(192000);
+constexpr uint32_t kStep = 1 << 9;  // one step of 16 bits, in 8.24
+constexpr uint32_t kMaxDelay = limiterDelayFrames(192000);
 
 struct Stream {
   uint32_t channels;
@@ -78,7 +80,8 @@ int32_t pushAndMin(Stream& s, int32_t required) {
 
 // Gain of the frame that leaves the window when one of magnitude x comes in.
 int32_t nextGain(Stream& s, uint32_t x) {
-  const int32_t required = x <= kThreshold ? kUnity : static_cast<int32_t>((uint64_t{kThreshold} << 30) / x);
+  const int32_t required =
+      x <= kLimiterThreshold ? kUnity : static_cast<int32_t>((uint64_t{kLimiterThreshold} << 30) / x);
   const int32_t held = pushAndMin(s, required);
   const int32_t before = s.released[s.at == 0 ? s.window - 1 : s.at - 1];
   const int64_t missing = kUnity - before;
@@ -110,7 +113,7 @@ int32_t Limiter_Open(void** instance, void* internal, LimiterParam* param) {
   if (param->channels < 1 || param->channels > 2 || param->sampleRate == 0) return LIMITER_BAD_STREAM;
   auto* const s = new (alignUp(internal)) Stream;
   s->channels = param->channels;
-  s->window = LIMITER_DELAY_FRAMES(param->sampleRate) + 1;
+  s->window = limiterDelayFrames(param->sampleRate) + 1;
   s->releaseStep = static_cast<uint32_t>(kUnity / (uint64_t{param->sampleRate} * 80 / 1000 + 1));
   reset(*s);
   *instance = s;

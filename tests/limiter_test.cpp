@@ -2,6 +2,7 @@
 // The host limiter in memory that is watched: its bits depend on nothing but the stream, and are held within 16.
 #include <cmath>
 
+#include "host/limiter.h"
 #include "stream.h"
 
 namespace {
@@ -32,11 +33,11 @@ void play(Random& random) {
   EXPECT_EQ(stream.runInBlocks(bytes, 1000, random), limited);
   if (testing::Test::HasFailure()) return;
 
-  const size_t delay = channels * size_t{LIMITER_DELAY_FRAMES(rate)};
+  const size_t delay = channels * size_t{limiterDelayFrames(rate)};
   double least = 1;
   for (size_t n = 0; n < output.size(); ++n) {
     for (size_t c = n; n % channels == 0 && c < n + channels; ++c)
-      least = std::min(least, LIMITER_THRESHOLD / (std::abs(static_cast<double>(input[c])) + 1));
+      least = std::min(least, kLimiterThreshold / (std::abs(static_cast<double>(input[c])) + 1));
     const double exact = n < delay ? 0 : input[n - delay] / 512.0, level = output[n] * (exact < 0 ? -1 : 1);
     EXPECT_TRUE(level <= std::abs(exact) + 0.5 && level >= std::abs(exact) * least - 0.51) << n << ": " << level;
   }
