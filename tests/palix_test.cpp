@@ -50,4 +50,85 @@ TEST(Palix, OutputDependsOnTheStreamAlone) {
   for (int round = 0; round < 40; ++round) play(random);
 }
 
+// ---- the component over the host library
+
+class Component {
+ public:
+  explicit Component(const SrcParam& param) : param_(param) {
+    InitKesAudioSrcInC(&record_);
+    const auto& [inRate, inChannels, outRate, outChannels, format] = param;
+    EXPECT_EQ(record_.Open(&record_, inRate, inChannels, outRate, outChannels, format), KES_OK);
+  }
+  ~Component() { record_.Close(&record_); }
+  Component(const Component&) = delete;
+
+  // Resamples a block of silence, with room for more than it makes. Returns the frames made.
+  uint32_t process(uint32_t frames) {
+    const Bytes src(frames * inFrameBytes(param_));
+    Bytes dst((maxOutput(frames) + 8) * outFrameBytes(param_));
+    auto left = static_cast<uint32_t>(src.size()), made = static_cast<uint32_t>(dst.size());
+    EXPECT_EQ(record_.Process(&record_, src.data(), &left, dst.data(), &made), KES_OK);
+    EXPECT_EQ(left, 0u);
+    return made / outFrameBytes(param_);
+  }
+  uint32_t maxOutput(uint32_t frames) const {
+    return kes_resampler_max_output(&param_, frames * inFrameBytes(param_)) / outFrameBytes(param_);
+  }
+
+ private:
+  SrcParam param_;
+  KesAudioSrcInC record_;
+};
+
+TEST(FirstBlock, IsAlignedUpToTheDocumentedSize) {
+  const struct {
+    SrcParam param;
+    uint32_t lastFrames;  // within 2^32 / (outSampleRate * outChannels) bytes, half of that for format 1
+  } kRows[] = {{{44100, 2, 48000, 2, 0}, 11184}, {{44100, 6, 48000, 6, 0}, 1242},  {{44100, 1, 48000, 1, 1}, 22369},
+               {{48000, 2, 96000, 2, 2}, 2796},  {{48000, 2, 44100, 2, 0}, 12173}, {{44100, 8, 192000, 8, 3}, 87}};
+  for (const auto& [param, lastFrames] : kRows) {
+    const uint64_t frameBytes = outFrameBytes(param);
+    const auto aligned = [&p = param, frameBytes](uint64_t frames) {  // bytes rounded down, then up to frames
+      return (frames * frameBytes * p.outSampleRate / p.inSampleRate + frameBytes - 1) / frameBytes;
+    };
+    EXPECT_EQ(Component(param).process(lastFrames), aligned(lastFrames)) << lastFrames;
+    EXPECT_LT(Component(param).process(lastFrames + 1), aligned(lastFrames + 1)) << lastFrames;
+  }
+  EXPECT_EQ(Component({48000, 2, 44100, 2, 0}).process(48000), 44062u);
+}
+
+TEST(MaxOutput, HoldsEveryBlockWithTwoFramesToSpareAtMost) {
+  Random random(4);
+  constexpr uint32_t kRates[] = {4000, 8000, 44100, 48000, 96000, 767999};
+  for (const uint32_t in : kRates) {
+    for (const uint32_t out : kRates) {
+      const uint32_t channels = 1 + random.below(8);
+      Component component({in, channels, out, channels, random.below(4)});
+      for (const uint32_t frames : {1000 * in / std::max(in, out) + 1, 7u, 1u}) {
+        uint32_t most = 0;
+        for (int block = 0; block < 12; ++block) most = std::max(most, component.process(frames));
+        const uint32_t bound = component.maxOutput(frames);
+        EXPECT_TRUE(most <= bound && most + 2 >= bound)
+            << in << " to " << out << " Hz, " << frames << " frames: " << most << " of " << bound;
+      }
+    }
+  }
+}
+
+TEST(MaxOutput, IsZeroForUnknownSizesAndBeyond32Bits) {
+  const struct {
+    SrcParam param;
+    uint32_t inBytes, expected;
+  } kRows[] = {{{1, 1, 1, 1, 4}, 4, 0},
+               {{1, 0, 1, 1, 0}, 4, 0},
+               {{1, 1, 1, 0, 0}, 4, 0},
+               {{0, 1, 1, 1, 0}, 4, 0},
+               {{2, 1, 3, 1, 1}, 5, 24},  // 3 frames, 4.5 at the output rate
+               {{1, 1, 1, 1, 0}, 0xFFFFFFFC, 0xFFFFFFFE},
+               {{1, 1, 1, 1, 0}, 0xFFFFFFFD, 0},
+               {{1, 1, ~0u, ~0u, 2}, ~0u, 0}};
+  for (const auto& [param, inBytes, expected] : kRows)
+    EXPECT_EQ(kes_resampler_max_output(&param, inBytes), expected) << inBytes;
+}
+
 }  // namespace
