@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// The limiter library for machines without the platform's. With x[n] the greater magnitude of frame n's samples (a
-// negative one's less one step of 16 bits, which reach that much further down), W the delay in frames plus one, and
-// gains in units of 2^-30:
+// The limiter library for machines without the platform's. x[n] is the larger magnitude of frame n's samples, a
+// negative one's reduced by one step of 16 bits (they reach from -32768 to 32767); W is the delay in frames plus one;
+// gains are in units of 2^-30.
 //
-//   required[n] = min(1, threshold / x[n])                             gain that keeps frame n below the threshold
+//   required[n] = min(1, threshold / x[n])                             gain that keeps frame n within the threshold
 //   held[n]     = min(required[n - W + 1], ..., required[n])           falls at once when a peak comes into view
 //   released[n] = min(held[n], released[n - 1] towards 1)              and rises slowly
 //   gain[n]     = mean(released[n - W + 1], ..., released[n])          in a straight line of W steps
 //   out[n]      = in[n - W + 1] * gain[n]
 //
-// For the W frames from n - W + 1 to n, held, and so released, is at most required[n - W + 1], and so is their mean:
-// no output passes the threshold. Every gain is an integer rounded down, and exactly 1 where nothing is limited.
+// From frame n - W + 1 to n, held, and so released, is at most required[n - W + 1], and so is their mean: no output
+// exceeds the threshold. Every gain is an integer rounded down, and exactly 1 where nothing is limited.
 //
-// Internal buffer, from its first multiple of 8 bytes on: a Stream. There is no scratch.
+// The internal buffer holds a Stream, at its first multiple of 8 bytes. There is no scratch buffer.
 #include "host/limiter.h"
 
 #include <algorithm>
@@ -39,7 +39,8 @@ struct Stream {
   int32_t released[kMaxDelay + 1];
   int64_t sum;  // of released
 
-  // Monotonic queue for the sliding-window minimum: frames and gains ascend, the first is the minimum. A ring too.
+  // Monotonic queue for the sliding-window minimum: frames and gains ascend, so the first gain is the minimum. A ring
+  // as well.
   struct QueuedGain {
     uint64_t frame;
     int32_t gain;
@@ -78,7 +79,7 @@ int32_t pushAndMin(Stream& s, int32_t required) {
   return at(0).gain;
 }
 
-// Gain of the frame that leaves the window when one of magnitude x comes in.
+// Takes in a frame of magnitude x. Returns the gain of the frame that leaves the window.
 int32_t nextGain(Stream& s, uint32_t x) {
   const int32_t required =
       x <= kLimiterThreshold ? kUnity : static_cast<int32_t>((uint64_t{kLimiterThreshold} << 30) / x);

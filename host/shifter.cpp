@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The shifter library for machines without the platform's: loads a vector of samples into 32-bit lanes, shifts them
-// from one full scale to the other, and stores them. The tail goes through a copy, so that not a byte outside the
-// blocks is touched.
+// from one full scale to the other, and stores them. The tail goes through a copy: no byte outside the blocks is
+// touched.
 #include "platform/shifter_lib.h"
 
 #include <algorithm>
@@ -66,7 +66,7 @@ I32x rescale(I32x x) {
     x = roundToEven<-kUp>(x);
     return From::kRangeBits + kUp >= To::kRangeBits ? clamp(x, kHighest) : x;
   } else if constexpr (From::kRangeBits + kUp > To::kRangeBits) {
-    constexpr int32_t kLast = kHighest >> kUp;  // the greatest that can be shifted; beyond it the result is kHighest
+    constexpr int32_t kLast = kHighest >> kUp;  // larger values become kHighest
     return x > kLast ? I32x{} + kHighest : clamp(x, kLast) << kUp;
   } else {
     return x << kUp;
@@ -95,7 +95,7 @@ void convertLanes(const Byte* src, Byte* dst) {
 
 template <class From, class To>
 void convert(const Byte* src, Byte* dst, uint32_t samples) {
-  // A vector of packed samples touches 4 bytes behind it.
+  // A vector of packed samples reads or writes 4 bytes beyond its end.
   constexpr uint32_t kBehind = From::kBytes == 3 || To::kBytes == 3 ? 2 : 0;
   for (; samples >= kLanes + kBehind; samples -= kLanes, src += kLanes * From::kBytes, dst += kLanes * To::kBytes)
     convertLanes<From, To>(src, dst);

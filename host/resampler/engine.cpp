@@ -5,22 +5,22 @@
 //
 //   out[n] = sum over k of in[i + k - (taps / 2 - 1)] * h(k - (taps / 2 - 1) - p)
 //
-// so it is output when in[i + taps / 2] has come: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
+// so it can be made once in[i + taps / 2] has arrived: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
 //
-// Four outputs make a group (polyphase.h). They share a window of the history, which begins with the first
-// one's; the rows of the others begin with a few zeros. There are L different p, so the groups recur after lcm(L, 4)
-// outputs. When these rows fit into the table, it holds them in the order of their use, and memory is read straight
-// on. Else (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at even distances of p, and
-// those of a group are interpolated, with an error of about -130 dB.
+// A row holds the taps of one output. Four outputs form a group (polyphase.h) and share one window of the history,
+// that of the first output; the rows of the others start with a few zeros. There are L different p, so the groups
+// repeat after lcm(L, 4) outputs. If their rows fit into the table, it holds them in order of use and is read
+// sequentially. Otherwise (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at evenly
+// spaced p, and each group's rows are interpolated, with an error of about -130 dB.
 //
 // Internal buffer, from its first multiple of 64 bytes on:
-//   Stream     state, see there
-//   kernelScratch       a double for each of maxTaps
-//   table      tableFloats(maxTaps)
-//   history    per channel historyFloats(maxTaps): input frames, from maxTaps / 2 - 1 before the group's first on
+//   Stream          the state
+//   kernelScratch   maxTaps doubles
+//   table           tableFloats(maxTaps)
+//   history         historyFloats(maxTaps) per channel: input frames, the first maxTaps / 2 - 1 before the group's
 // Scratch buffer, likewise:
-//   output     per channel kOutputFloats: output frames
-//   rows       interpolated, of a group
+//   output          kOutputFloats per channel: output frames
+//   rows            rowsFloats(maxTaps): the interpolated rows of a group
 #include <algorithm>
 #include <new>
 
@@ -34,14 +34,14 @@ namespace {
 using namespace palix;
 
 constexpr uint32_t kMinRate = 4000, kMaxRate = 768000, kMaxChannels = 8;
-constexpr uint32_t kBlockFrames = 1024;                        // taken or output at a time
-constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kGroup;  // with the rest of the first and of the last group
-constexpr uint32_t kRowsPerPeriod = 64;                        // of the lower rate, where rows are interpolated
+constexpr uint32_t kBlockFrames = 1024;                        // most frames taken in, or made, at a time
+constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kGroup;  // with the unused part of the first and last group
+constexpr uint32_t kRowsPerPeriod = 64;                        // rows per period of the lower rate, to interpolate
 constexpr size_t kAlignment = 64;
 
-// Tables in the order of use are for the common pairs of rates (48 to 44.1 kHz: 588 rows of 96 floats). Where they
-// are too long for that, there is room at least for the rows to interpolate between: at most 64 * b + 4 of 79 / b +
-// 18 floats, with the bandwidth b <= 1 and 76 / b <= taps.
+// Room for the table in order of use of the common pairs of rates (48 to 44.1 kHz: 588 rows of 96 floats), and for
+// the rows to interpolate between of all others: at most 64 * b + 4 rows of 79 / b + 18 floats, where b <= 1 is the
+// bandwidth and 76 / b <= taps.
 constexpr size_t kOrderedFloats = 65536;
 constexpr size_t tableFloats(uint32_t maxTaps) { return kOrderedFloats + 6 * size_t{maxTaps}; }
 constexpr size_t historyFloats(uint32_t maxTaps) { return 3 * size_t{maxTaps} + kBlockFrames; }
@@ -49,16 +49,16 @@ constexpr size_t rowsFloats(uint32_t maxTaps) { return kGroup * 2 * size_t{maxTa
 
 struct Stream {
   SrcParam param;
-  uint32_t maxTaps;  // room for twice the taps at open
+  uint32_t maxTaps;  // twice the taps at open: room for lower output rates
   Ratio ratio;
   bool interpolates;
 
-  // The group of the next output: where its first output stands.
-  size_t centre;    // in the history, of the input frame at or before it
-  uint32_t phase;   // it is (phase + fraction) / L behind that frame
-  double fraction;  // 0 <= fraction <= 1; not 0 only after a change of rate
-  uint32_t group;   // of a table in the order of use
-  uint32_t done;    // outputs of the group that were made
+  // The group of the next output. Its first output is (phase + fraction) / L behind the input frame `centre`.
+  size_t centre;  // index in the history
+  uint32_t phase;
+  double fraction;  // 0 to 1; 0 until the rate changes
+  uint32_t group;   // index in a table in order of use
+  uint32_t done;    // outputs of the group already made
 
   size_t filled;  // frames in the history
   double* kernelScratch;
@@ -82,15 +82,16 @@ uint32_t quotientUp(uint64_t dividend, uint32_t divisor) {
   return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
 }
 
-// Input frames from the window of a group's first output to the last one's, at most; depends on the bandwidth alone.
+// Largest distance in input frames from the window of a group's first output to the last one's; depends on the
+// bandwidth alone.
 uint32_t maxPhaseOffset(const Ratio& ratio) {
   return quotientUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
 }
 
-// Floats of a row: its taps, behind a zero for each input frame that its window is ahead of the group's.
+// Floats of a row: a zero for each input frame that its window is ahead of the group's, and the taps.
 uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
 
-// A period of the lower rate is M / L input frames, when that is the output's.
+// If the output rate is the lower one, its period is M / L input frames.
 uint32_t rowsPerInputFrame(const Ratio& ratio) {
   return ratio.L < ratio.M ? quotientUp(uint64_t{kRowsPerPeriod} * ratio.L, ratio.M) : kRowsPerPeriod;
 }
@@ -104,10 +105,10 @@ void buildTable(Stream& s) {
   // Zeros before the first row: interpolation reads up to maxPhaseOffset() floats ahead of a row.
   const uint32_t before = s.interpolates ? maxPhaseOffset(s.ratio) : 0;
   std::fill_n(s.table, before + rows * size_t{floats}, 0.0f);
-  uint64_t phase = 0;  // from the group's first frame on
+  uint64_t phase = 0;  // counted from the group's first frame
   for (uint32_t row = 0; row < rows; ++row) {
     float* const to = s.table + before + row * size_t{floats};
-    if (s.interpolates) {  // from one row before the frame to one behind it
+    if (s.interpolates) {  // a frame, and a row more on either side for the cubic
       makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.kernelScratch);
     } else {
       makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.kernelScratch);
@@ -161,7 +162,7 @@ T* alignUp(T* pointer) {
   return reinterpret_cast<T*>(alignUp(reinterpret_cast<uintptr_t>(pointer)));
 }
 
-// Offsets of the internal buffer's parts, in bytes from its first aligned one.
+// Offsets of the internal buffer's parts, in bytes from its first multiple of kAlignment.
 struct Layout {
   size_t kernelScratch, table, history, end;
 
@@ -174,8 +175,8 @@ struct Layout {
 
 uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
 
-// Changes the output rate; the next output begins a group, p behind its input frame. Rebuilds the table only when it
-// differs: rows to interpolate between depend on the bandwidth alone.
+// Changes the output rate; the next output begins a group, p behind its input frame. Rebuilds the table only if it
+// changes: rows to interpolate between depend on the bandwidth alone.
 void setRate(Stream& s, uint32_t outRate, double p) {
   const Ratio old = s.ratio;
   const bool interpolated = s.interpolates;
@@ -199,8 +200,8 @@ void reset(Stream& s) {
 
 // ---- making output
 
-// Makes `frames` outputs: the rest of the group, then further groups. Groups are written whole, so the first of the
-// outputs is at output + s.done.
+// Makes `frames` outputs: the rest of the group, then further groups. Groups are written whole, so the outputs begin
+// at output + s.done.
 void filter(Stream& s, float* output, float* rows, uint32_t frames) {
   const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), channels = s.param.inChannels;
   const size_t stride = historyFloats(s.maxTaps);
@@ -222,10 +223,10 @@ void filter(Stream& s, float* output, float* rows, uint32_t frames) {
   }
 }
 
-// Input frame at or before an output, counted from the group's first.
+// Index in the history of the input frame at or before an output, which is counted from the group's first.
 uint64_t frameOf(const Stream& s, uint64_t output) { return s.centre + (s.phase + output * s.ratio.M) / s.ratio.L; }
 
-// Outputs that the history suffices for.
+// Number of outputs for which the history suffices.
 uint64_t outputsPossible(const Stream& s) {
   const size_t lookahead = s.ratio.taps() / 2;
   if (s.filled <= frameOf(s, s.done) + lookahead) return 0;
@@ -259,7 +260,7 @@ void process(Stream& s, float* scratch, const unsigned char* src, uint32_t* inBy
       room -= frames;
       continue;
     }
-    // Takes the input that the outputs with room need; without room, as much as makes no output possible.
+    // Takes the input that the outputs with room need; without room, the input that makes no output possible yet.
     const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : frameOf(s, done);
     const uint64_t most = last + s.ratio.taps() / 2;
     const size_t taken = std::min<uint64_t>({offered, most - std::min<uint64_t>(most, s.filled), kBlockFrames});

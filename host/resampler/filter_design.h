@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host resampler's filter: the ratio of the rates, and the taps for any fraction of an input frame.
+// The host resampler's filter: the ratio of the rates, and the taps of an output at any fraction of an input frame.
 //
 //   h(t) = sinc(b * t) * kaiser(2 * t / taps)      b = 0.98 * min(1, L / M)      t in input frames
 //
-// 76 taps (more by M / L where the rate falls) and a window of beta 13 lose 0.02 dB at 0.9 of the lower Nyquist
-// frequency, and let nothing through from 1.1 of it on that is not 126 dB down.
+// 76 taps (M / L times as many when the rate falls) and a Kaiser window of beta 13: 0.02 dB loss at 0.9 of the lower
+// Nyquist frequency, and at least 126 dB attenuation from 1.1 of it on.
 #ifndef KESAUDIO_HOST_RESAMPLER_FILTER_DESIGN_H
 #define KESAUDIO_HOST_RESAMPLER_FILTER_DESIGN_H
 
@@ -29,7 +29,7 @@ struct Ratio {
   uint32_t taps() const { return L < M ? 2 * ((38 * M + L - 1) / L) : 76; }
 };
 
-// What follows is made of the four operations alone, each rounded by itself, and so has the same bits everywhere.
+// Only the four basic operations, each rounded by itself: the same bits everywhere.
 
 // To the nearest integer, |x| < 2^51.
 inline double nearest(double x) { return (x + 0x1.8p52) - 0x1.8p52; }
@@ -41,8 +41,8 @@ double polynomial(const std::array<double, kTerms>& coefficients, double x) {
   return sum;
 }
 
-// sin(pi * x) / (pi * x). The sine is that of the distance to the nearest integer, at most pi / 2, negated for an odd
-// integer.
+// sin(pi * x) / (pi * x). The series gets the distance to the nearest integer, so an angle of at most pi / 2; the
+// sine is negated for an odd integer.
 inline double sinc(double x) {
   constexpr auto kSine = [] {  // sin(a) / a in powers of a^2
     std::array<double, 12> terms{1};
@@ -55,7 +55,7 @@ inline double sinc(double x) {
   return x == 0 ? 1 : sine / (std::numbers::pi * x);
 }
 
-// The window, -1 <= x <= 1, with a factor that goes when a row is normalised: I0(beta * sqrt(1 - x^2)).
+// The Kaiser window, -1 <= x <= 1, without its constant factor: I0(beta * sqrt(1 - x^2)).
 inline double kaiser(double x) {
   constexpr double kBeta = 13;
   constexpr auto kBessel = [] {  // I0(a) in powers of (a / 2)^2
@@ -66,8 +66,8 @@ inline double kaiser(double x) {
   return polynomial(kBessel, kBeta * kBeta / 4 * (1 - x * x));
 }
 
-// The taps of an output that stands p behind the input frame taps / 2 - 1, 0 <= p <= 1. They sum to one, so that a
-// constant stays as it is. scratch holds as many numbers as row.
+// The taps of an output that stands p behind the input frame taps / 2 - 1, 0 <= p <= 1. They are normalised to a sum
+// of one: a constant stays constant. scratch has room for `taps` numbers.
 inline void makeRow(float* row, uint32_t taps, double bandwidth, double p, double* scratch) {
   constexpr double kCutoff = 0.98;  // of the lower Nyquist frequency, where the loss is 6 dB
   const double first = -p - (taps / 2 - 1);

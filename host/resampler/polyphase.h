@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host resampler's inner loop: a group of four outputs at a time, so that what is loaded of the history serves
-// four rows of taps, and what is loaded of the taps every channel.
+// The host resampler's inner loop: a group of four outputs at a time, so that each load of the history serves four
+// rows of taps, and each load of taps every channel.
 //
 //   out[c][o] = sum over k < width of rows[o][k] * history[c][k]      o < 4, width a multiple of 16
 //
-// A sum is made of 16 partial sums, number i of the products i, i + 16, ..., which are then added in halves: 8 to 8,
-// 4 to 4, 2 to 2, 1 to 1. So its bits do not depend on how many lanes a vector of the machine has.
+// A sum has 16 partial sums: number i adds the products i, i + 16, .... They are then added pairwise: 8 to 8, 4 to 4,
+// 2 to 2, 1 to 1. So the bits do not depend on the machine's vector width.
 #ifndef KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 #define KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 
@@ -21,7 +21,7 @@ namespace palix {
 constexpr uint32_t kLanes = 16;  // partial sums
 constexpr uint32_t kGroup = 4;   // outputs
 
-// Vectors of the machine's own width: compilers make poor code of wider ones.
+// Vectors of the machine's own width: compilers generate poor code for wider ones.
 #if defined(__AVX512F__)
 constexpr uint32_t kVectorLanes = 16;
 #elif defined(__AVX__)
@@ -49,7 +49,7 @@ inline void blend(const float* rows, size_t floats, const float (&weights)[4], f
   }
 }
 
-// body(0), body(1), ... as constants, unrolled before the optimiser looks: it then keeps arrays in registers.
+// Calls body with 0, 1, ... as compile-time constants: unrolled from the start, arrays stay in registers.
 template <uint32_t kCount, class Body>
 [[gnu::always_inline]] inline void unrolled(Body body) {
   [&]<uint32_t... kIndex>(std::integer_sequence<uint32_t, kIndex...>) __attribute__((always_inline)) {
@@ -90,7 +90,7 @@ void convolve(const float* rows, uint32_t width, const float* history, size_t hi
   constexpr uint32_t kSums = kChannels * kGroup;
   Vector sums[kVectors][kSums];
   unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
-    // One vector's lanes after the other: the registers hold no more sums.
+    // One vector of partial sums at a time: the registers hold no more.
     Vector lanes[kSums] = {};
     for (uint32_t k = v * kVectorLanes; k < width; k += kLanes) {
       unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {

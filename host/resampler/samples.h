@@ -10,7 +10,7 @@
 
 namespace palix {
 
-// To the nearest integer, ties to even: below 2^23 the sum has no bits for a fraction, from there on value has none.
+// To the nearest integer, ties to even: a float of 2^23 or more has no bits for a fraction.
 inline float rounded(float value) {
   const float offset = std::copysign(0x1p23f, value);
   return std::abs(value) < 0x1p23f ? (value + offset) - offset : value;
@@ -21,7 +21,7 @@ inline int16_t sampleOf(float value, int16_t) {
   return static_cast<int16_t>(rounded(std::min(std::max(value, -32768.0f), 32767.0f)));
 }
 inline int32_t sampleOf(float value, int32_t) {
-  constexpr float kHighest = 0x1p31f - 0x1p7f;  // of float
+  constexpr float kHighest = 0x1p31f - 0x1p7f;  // largest float below 2^31
   const auto inside = static_cast<int32_t>(rounded(std::min(std::max(value, -0x1p31f), kHighest)));
   return value > kHighest ? INT32_MAX : inside;
 }
@@ -35,10 +35,10 @@ void withChannels(uint32_t count, Body body) {
   (std::make_integer_sequence<uint32_t, 8>());
 }
 
-// Two passes over a few frames: compilers vectorize each of them, but not both in one.
+// Frames per step. A step makes two passes: compilers vectorise each of them, but not both in one.
 constexpr size_t kStepFrames = 64;
 
-// frames of src to planes[c * planeFloats ...].
+// Frames of src to planes[c * planeFloats ...], and back.
 template <class Sample>
 void deinterleave(const unsigned char* src, uint32_t channels, size_t frames, float* planes, size_t planeFloats) {
   withChannels(channels, [&](auto count) {
