@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Processing a block, and aligning the first one: the library's latency makes its first output too short, so zeros
-// are put in front until it is as long as the input at the output rate.
+// Processes a block and aligns the first one: the library's latency makes its output too short, so zeros are put in
+// front of it until it is as long as the input at the output rate.
 //
 //   expected = bytes * outSampleRate * outChannels / (inChannels * inSampleRate)    in whole output frames
 //
-// with the input's bytes as samples of the output's width. The arithmetic is 32-bit unsigned and wraps; x / 0 is 0.
+// where bytes counts the input's samples at the output's width. 32-bit unsigned arithmetic, which wraps; x / 0 is 0.
 #include <cstdlib>
 #include <cstring>
 

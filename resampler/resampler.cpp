@@ -11,7 +11,7 @@ using namespace kesaudio;
 using namespace kesaudio::resampler;
 using Record = KesAudioSrcInC;
 
-// ---- what the variants share
+// ---- shared by the variants
 
 bool prepareLibrary(Record* handle, const Variant& variant) {
   const int32_t result = variant.getBufferSize(&handle->mInternalBufSize, &handle->mTempBufSize, &handle->mParam);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Function table of the plain or the multichannel library calls; the code over it is shared.
+// Function table of the plain and of the multichannel library calls. The component's code takes either.
 #ifndef KESAUDIO_RESAMPLER_VARIANT_H
 #define KESAUDIO_RESAMPLER_VARIANT_H
 

@@ -20,14 +20,14 @@ std::ostream& operator<<(std::ostream& out, const Record& r) {
 
 namespace {
 
-class Player : BesideModel<Record> {
+class RandomOperations : RecordAndModel<Record> {
  public:
-  explicit Player(Random& random) : BesideModel("KesAudioBitConverterc", random) { init(); }
+  explicit RandomOperations(Random& random) : RecordAndModel("KesAudioBitConverterc", random) { init(); }
 
-  // Does one random operation to the record, then to the model, and compares all that was seen.
-  void play() {
-    prepare();
-    give(extreme(), random_.oneIn(2) ? extreme() : random_.below(kRoom), random_.below(kRoom));
+  // Does a random operation to the record and to the model, and compares the calls and the results.
+  void checkNext() {
+    drawAnswers();
+    offerBlock(extreme(), random_.oneIn(2) ? extreme() : random_.below(kRoom), random_.below(kRoom));
     if (random_.oneIn(8)) src_ = nullptr;
     if (random_.oneIn(8)) in_ = nullptr;
     if (random_.oneIn(8)) dst_ = nullptr;
@@ -68,7 +68,7 @@ class Player : BesideModel<Record> {
         {256u, 256u, 256u, random_.below(14), random_.below(14), 255u, 257u, 258u, 0xFFFFu, extreme()});
   }
 
-  // A caller's own hand: values that no operation sets.
+  // Values that only a caller can write.
   void interfere() {
     model_.mLimiterParam.reserved0 = extreme(), model_.mLimiterParam.reserved1 = extreme();
     if (random_.oneIn(2)) model_.mConvertType = type();
@@ -77,7 +77,7 @@ class Player : BesideModel<Record> {
     record_.mState = model_.mState;
   }
 
-  // ---- the model: what each operation must do, in its order, and return
+  // ---- the model
 
   void init() {
     initialise(InitKesAudioBitConverterC);
@@ -89,12 +89,13 @@ class Player : BesideModel<Record> {
     model_.mSampleRate = rate, model_.mChannels = channels, model_.mConvertType = convertType;
     model_.mpLimiter = nullptr;
     if (rate != 0 && channels != 0 && convertType == 256) {
-      wantSizes("Limiter_GetBufferSize", 256);
+      expectSizeQuery("Limiter_GetBufferSize", 256);
       if (!obtainBuffers("BitConvertionOpen")) return 2;
       LimiterParam& p = model_.mLimiterParam;
       p = {channels, rate, 0, p.reserved1};
-      want("Limiter_Open", &record_.mpLimiter, model_.mpLimiter, model_.mpInternalBuf, &record_.mLimiterParam, p);
-      model_.mpLimiter = world.instance;
+      expectCall("Limiter_Open", &record_.mpLimiter, model_.mpLimiter, model_.mpInternalBuf, &record_.mLimiterParam,
+                 p);
+      model_.mpLimiter = platform.instance;
     }
     return model_.mState = 2, 0;
   }
@@ -102,7 +103,7 @@ class Player : BesideModel<Record> {
   uint32_t close() { return releaseBuffers(), model_.mState = 1, 0; }
 
   uint32_t setParameter(int32_t id, uint32_t value) {
-    log(3, "+BitConvertionSetParameter(), paramID ", id, ", param 0x", std::hex, value, "\n");
+    expectLog(3, "+BitConvertionSetParameter(), paramID ", id, ", param 0x", std::hex, value, "\n");
     if (model_.mState == 2) return 2;
     uint32_t* member = nullptr;
     if (id == 0 && (value <= 12 || value == 256 || value == 257)) member = &model_.mConvertType;
@@ -112,45 +113,46 @@ class Player : BesideModel<Record> {
   }
 
   uint32_t getParameter(int32_t id, const void* value) {
-    log(3, "+BitConvertionGetParameter(), paramID ", id, ", param ", value ? text(value) : "(nil)", "\n");
+    expectLog(3, "+BitConvertionGetParameter(), paramID ", id, ", param ", value ? text(value) : "(nil)", "\n");
     return id == 1 || id == 2 || id == 4 ? 0 : 1;
   }
 
-  // Without a limiter the library must hear nothing.
+  // Without an instance the library must not be called.
   uint32_t reset() {
-    if (model_.mState == 2 && model_.mConvertType >= 256 && model_.mpLimiter) want("Limiter_Reset", model_.mpLimiter);
+    if (model_.mState == 2 && model_.mConvertType >= 256 && model_.mpLimiter)
+      expectCall("Limiter_Reset", model_.mpLimiter);
     return 0;
   }
 
   uint32_t process() {
     if (model_.mState != 2 || (model_.mConvertType == 256 && !model_.mpLimiter)) return 2;
-    if (model_.mConvertType == 256) wantBlock("Limiter_Process", model_.mpLimiter, model_.mpTempBuf);
-    if (model_.mConvertType < 12) wantBlock("Shifter_Process", model_.mConvertType);
+    if (model_.mConvertType == 256) expectProcess("Limiter_Process", model_.mpLimiter, model_.mpTempBuf);
+    if (model_.mConvertType < 12) expectProcess("Shifter_Process", model_.mConvertType);
     return 0;
   }
 };
 
-TEST(Threads, DriveSeparateBitConvertersThatEqualTheirModel) { playOnThreads<Player>(); }
+TEST(Threads, DriveSeparateBitConvertersThatEqualTheirModel) { checkOnThreads<RandomOperations>(); }
 
 }  // namespace
 
 // ---- the fake libraries
 
 int32_t Limiter_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, uint32_t convertType) {
-  return sawSizes(__func__, internalBytes, scratchBytes, convertType);
+  return recordSizeQuery(__func__, internalBytes, scratchBytes, convertType);
 }
 
 int32_t Limiter_Open(void** instance, void* internal, LimiterParam* param) {
-  return saw(__func__, instance, std::exchange(*instance, world.instance), internal, param, *param);
+  return recordCall(__func__, instance, std::exchange(*instance, platform.instance), internal, param, *param);
 }
 
-int32_t Limiter_Reset(void* instance) { return saw(__func__, instance); }
+int32_t Limiter_Reset(void* instance) { return recordCall(__func__, instance); }
 
 int32_t Limiter_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                         uint32_t* outBytes) {
-  return sawBlock(__func__, src, inBytes, dst, outBytes, instance, scratch);
+  return recordProcess(__func__, src, inBytes, dst, outBytes, instance, scratch);
 }
 
 int32_t Shifter_Process(const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes, uint32_t convertType) {
-  return sawBlock(__func__, src, inBytes, dst, outBytes, convertType);
+  return recordProcess(__func__, src, inBytes, dst, outBytes, convertType);
 }

@@ -13,23 +13,23 @@
 
 namespace {
 
-thread_local int lines;  // logged since the last look
+thread_local int lines;  // logged since the last check
 
-struct Model {  // the members behind the operations, in their order
+struct Model {  // the record's members behind its operations
   uint32_t state, in, out, format, upmixMode, mask, maskValid;
   bool open() const { return state == 2; }
 };
 
-class Player {
+class RandomOperations {
  public:
-  explicit Player(Random& random) : random_(random) {
+  explicit RandomOperations(Random& random) : random_(random) {
     std::memset(&record_, 0xEE, sizeof record_);
     std::memset(&model_, 0xEE, sizeof model_);
     init();
   }
 
-  // Does one random operation to the record and to the model, and compares.
-  void play() {
+  // Does a random operation to the record and to the model, and compares.
+  void checkNext() {
     const uint32_t onlyOpen = model_.open() ? 0 : 2;
     const uint32_t in = count(), out = count(), format = random_.below(8);
     const int32_t id = random_.between(-1, 12);
@@ -43,7 +43,7 @@ class Player {
         EXPECT_EQ(record_.Reset(&record_), onlyOpen);
         if (model_.open()) model_.mask = model_.maskValid = 0;
         break;
-      case 2:  // a caller's own hand: states and values that no operation sets
+      case 2:  // states and values that only a caller can write
         model_.state = random_.below(4), model_.upmixMode = random_.below(3), model_.maskValid = random_.below(3);
         std::memcpy(&record_.mState, &model_, sizeof model_);
         break;
@@ -121,8 +121,8 @@ TEST(Threads, DriveSeparateConvertersThatEqualTheirModel) {
   for (uint32_t seed = 0; seed < 4; ++seed)
     threads.emplace_back([seed] {
       Random random(seed);
-      Player player(random);
-      for (int step = 0; step < 30000 && !testing::Test::HasFailure(); ++step) player.play();
+      RandomOperations operations(random);
+      for (int step = 0; step < 30000 && !testing::Test::HasFailure(); ++step) operations.checkNext();
     });
 }
 
@@ -160,7 +160,7 @@ TEST(EntryPoints, AccountBytes) {
 
 }  // namespace
 
-// Takes the place of the platform's: the library looks it up by name.
+// Takes the place of the platform's, by its name.
 int __android_log_print(int priority, const char* tag, const char* format, ...) {
   EXPECT_EQ(std::to_string(priority) + tag + format, "3KesAudioChannelConvertInC%s");
   return ++lines;

@@ -18,7 +18,7 @@ std::ostream& operator<<(std::ostream& out, const Record& r) {
 
 namespace {
 
-// The first block's length: whole frames, and every product modulo 2^32.
+// Aligned length of the first block: whole frames, and every product modulo 2^32.
 uint32_t firstBlockBytes(const SrcParam& p, uint32_t inBytes) {
   const auto times = [](uint64_t a, uint64_t b) { return a * b % (uint64_t{1} << 32); };
   const uint64_t product = times(times(times(inBytes, p.format == 1 ? 2 : 1), p.outSampleRate), p.outChannels);
@@ -39,26 +39,26 @@ TEST(Model, HasTheFirstBlockThatWasWorkedByHand) {
   EXPECT_EQ(firstBlockBytes({1, 1, 1, 0x40000000, 2}, 3), 0u);
 }
 
-class Player : BesideModel<Record> {
+class RandomOperations : RecordAndModel<Record> {
  public:
-  explicit Player(Random& random) : BesideModel("KesAudioSrcInC", random) { init(); }
+  explicit RandomOperations(Random& random) : RecordAndModel("KesAudioSrcInC", random) { init(); }
 
-  // Does one random operation to the record, then to the model, and compares all that was seen.
-  void play() {
-    prepare();
+  // Does a random operation to the record and to the model, and compares the calls and the results.
+  void checkNext() {
+    drawAnswers();
     const bool multi = random_.oneIn(2);
     const int32_t id = random_.oneIn(6) ? random_.from({INT32_MIN, INT32_MAX, -1, -2}) : random_.between(0, 11);
     const uint32_t value = random_.oneIn(2) ? random_.below(7) : extreme();
     SrcParam p = {rate(), channels(), rate(), channels(), random_.oneIn(3) ? value : random_.below(4)};
     if (random_.oneIn(2)) p.outChannels = p.inChannels;
     const uint32_t in = random_.oneIn(6) ? extreme() : random_.below(300), bytes = firstBlockBytes(model_.mParam, in);
-    give(in, random_.from({bytes, bytes, bytes - 1, bytes + 1, ~0u, random_.below(kRoom)}),
-         random_.from({bytes, bytes - 1, bytes / 2, bytes + 1, 0u}));
+    offerBlock(in, random_.from({bytes, bytes, bytes - 1, bytes + 1, ~0u, random_.below(kRoom)}),
+               random_.from({bytes, bytes - 1, bytes / 2, bytes + 1, 0u}));
 
     uint32_t code = 0, wanted = 0;
     switch (random_.below(10)) {
       case 0: freeBuffers(), init(); break;
-      case 1:  // a caller's own hand: values that no operation sets
+      case 1:  // values that only a caller can write
         record_.mFirstBlockDone = model_.mFirstBlockDone = random_.below(3);
         if (model_.mState != 2) record_.mState = model_.mState = random_.from({0u, 1u, 3u});
         break;
@@ -85,7 +85,7 @@ class Player : BesideModel<Record> {
   uint32_t rate() { return random_.oneIn(6) ? extreme() : random_.from({8000u, 44100u, 48000u, 96000u}); }
   uint32_t channels() { return random_.oneIn(6) ? extreme() : random_.below(8); }
 
-  // ---- the model: what each operation must do, in its order, and return
+  // ---- the model
 
   static std::string palix(bool multi, const char* name) {
     return text("Palix_", multi ? "MultiChannel_" : "", name);
@@ -93,7 +93,7 @@ class Player : BesideModel<Record> {
 
   void init() {
     initialise(InitKesAudioSrcInC);
-    log(3, "InitKesAudioSrcInC");
+    expectLog(3, "InitKesAudioSrcInC");
   }
 
   uint32_t close() {
@@ -104,10 +104,10 @@ class Player : BesideModel<Record> {
 
   uint32_t reset(bool multi) {
     const char* const name = multi ? "MultiChannel_ResetBuffer" : "SrcReset";
-    log(3, "+", name, "()\n");
+    expectLog(3, "+", name, "()\n");
     if (model_.mState != 2) return 2;
-    want(palix(multi, "Reset"), model_.mpResampler);
-    return log(3, "-", name, "()\n"), 0;
+    expectCall(palix(multi, "Reset"), model_.mpResampler);
+    return expectLog(3, "-", name, "()\n"), 0;
   }
 
   uint32_t* field(int32_t setID) {
@@ -117,34 +117,35 @@ class Player : BesideModel<Record> {
   }
 
   uint32_t getParameter(int32_t id) {
-    log(3, "+SrcGetParameter(), paramID ", id, "\n");
+    expectLog(3, "+SrcGetParameter(), paramID ", id, "\n");
     if (id < 0 || !field(id - 1)) return 1;
-    return log(3, "-SrcGetParameter(), paramID ", id, ", param 0x", std::hex, *field(id - 1), "\n"), 0;
+    return expectLog(3, "-SrcGetParameter(), paramID ", id, ", param 0x", std::hex, *field(id - 1), "\n"), 0;
   }
 
   uint32_t setParameter(int32_t id, uint32_t value) {
-    log(3, "+SrcSetParameter(), paramID ", id, ", param 0x", std::hex, value, "\n");
+    expectLog(3, "+SrcSetParameter(), paramID ", id, ", param 0x", std::hex, value, "\n");
     if (model_.mState == 2 && id != 4) return 2;
     if (!field(id) || (id == 0 && value > 4)) return 1;
     *field(id) = value;
-    if (model_.mState == 2) want("Palix_SetSamplingRate", model_.mpResampler, value);
-    return log(3, "-SrcSetParameter()\n"), 0;
+    if (model_.mState == 2) expectCall("Palix_SetSamplingRate", model_.mpResampler, value);
+    return expectLog(3, "-SrcSetParameter()\n"), 0;
   }
 
   uint32_t open(bool multi, const SrcParam& p) {
     const char* const name = multi ? "MultiChannel_Open" : "SrcOpen";
-    if (multi) log(3, "+", name, "()\n");
+    if (multi) expectLog(3, "+", name, "()\n");
     if (model_.mState != 1) return 2;
     if (multi && p.inChannels != p.outChannels)
-      return log(6, "in ch ", p.inChannels, " != out ch ", p.outChannels), 2;
+      return expectLog(6, "in ch ", p.inChannels, " != out ch ", p.outChannels), 2;
     model_.mParam = p;
-    wantSizes(palix(multi, "GetBufferSize"), &record_.mParam, p);
-    if (world.result < 0) return log(3, "Palix_GetBufferSize return err ", world.result, "\n"), 2;
+    expectSizeQuery(palix(multi, "GetBufferSize"), &record_.mParam, p);
+    if (platform.result < 0) return expectLog(3, "Palix_GetBufferSize return err ", platform.result, "\n"), 2;
     if (!obtainBuffers(name)) return 2;
     model_.mpResampler = nullptr;
-    want(palix(multi, "Open"), &record_.mpResampler, model_.mpResampler, model_.mpInternalBuf, &record_.mParam, p);
-    model_.mpResampler = world.instance, model_.mState = 2;
-    if (multi) log(3, "-", name, "()\n");
+    expectCall(palix(multi, "Open"), &record_.mpResampler, model_.mpResampler, model_.mpInternalBuf, &record_.mParam,
+               p);
+    model_.mpResampler = platform.instance, model_.mState = 2;
+    if (multi) expectLog(3, "-", name, "()\n");
     return 0;
   }
 
@@ -152,15 +153,15 @@ class Player : BesideModel<Record> {
     if (model_.mState != 2) return 2;
     auto& [in, out, dst] = wanted_;
     uint32_t bytes = firstBlockBytes(model_.mParam, in);
-    if (model_.mParam.format > 3) log(6, "unknown format ", model_.mParam.format, "!!");
-    if (bytes > out) log(6, "OutputSampleCount ", out, " < ", bytes, "!!"), bytes = out;
-    wantBlock(palix(multi, "Process"), model_.mpResampler, model_.mpTempBuf);
+    if (model_.mParam.format > 3) expectLog(6, "unknown format ", model_.mParam.format, "!!");
+    if (bytes > out) expectLog(6, "OutputSampleCount ", out, " < ", bytes, "!!"), bytes = out;
+    expectProcess(palix(multi, "Process"), model_.mpResampler, model_.mpTempBuf);
     if (model_.mFirstBlockDone != 1 && out != bytes) {
-      log(3, "OutputSampleCount ", out, " => ", bytes);
+      expectLog(3, "OutputSampleCount ", out, " => ", bytes);
       if (out < bytes) {
         const void* const block = allocate(bytes);
-        if (!block) return log(3, multi ? "MultiChannel_Process" : "SrcProcess", "() tmp malloc failed\n"), 2;
-        want("free", block);
+        if (!block) return expectLog(3, multi ? "MultiChannel_Process" : "SrcProcess", "() tmp malloc failed\n"), 2;
+        expectCall("free", block);
         dst = output(kRoom, bytes - out, out), out = bytes;
       }
     }
@@ -168,26 +169,26 @@ class Player : BesideModel<Record> {
   }
 };
 
-TEST(Threads, DriveSeparateResamplersThatEqualTheirModel) { playOnThreads<Player>(); }
+TEST(Threads, DriveSeparateResamplersThatEqualTheirModel) { checkOnThreads<RandomOperations>(); }
 
 }  // namespace
 
 // ---- the fake library
 
-#define FLAVOUR(prefix)                                                                                 \
+#define VARIANT(prefix)                                                                                 \
   int32_t prefix##GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param) {     \
-    sawSizes(#prefix "GetBufferSize", internalBytes, scratchBytes, param, *param);                      \
-    return world.result;                                                                                \
+    recordSizeQuery(#prefix "GetBufferSize", internalBytes, scratchBytes, param, *param);               \
+    return platform.result;                                                                             \
   }                                                                                                     \
   int32_t prefix##Open(void** instance, void* internal, SrcParam* param) {                              \
-    void* const before = std::exchange(*instance, world.instance);                                      \
-    return saw(#prefix "Open", instance, before, internal, param, *param);                              \
+    void* const before = std::exchange(*instance, platform.instance);                                   \
+    return recordCall(#prefix "Open", instance, before, internal, param, *param);                       \
   }                                                                                                     \
-  int32_t prefix##Reset(void* instance) { return saw(#prefix "Reset", instance); }                      \
+  int32_t prefix##Reset(void* instance) { return recordCall(#prefix "Reset", instance); }               \
   int32_t prefix##Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst, \
                           uint32_t* outBytes) {                                                         \
-    return sawBlock(#prefix "Process", src, inBytes, dst, outBytes, instance, scratch);                 \
+    return recordProcess(#prefix "Process", src, inBytes, dst, outBytes, instance, scratch);            \
   }
-FLAVOUR(Palix_)
-FLAVOUR(Palix_MultiChannel_)
-int32_t Palix_SetSamplingRate(void* instance, uint32_t rate) { return saw(__func__, instance, rate); }
+VARIANT(Palix_)
+VARIANT(Palix_MultiChannel_)
+int32_t Palix_SetSamplingRate(void* instance, uint32_t rate) { return recordCall(__func__, instance, rate); }
