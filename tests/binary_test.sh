@@ -1,6 +1,7 @@
 #!/bin/sh
-# What the built libraries are as files: the functions that the public headers declare and no other, the C library and
-# the platform's alone behind them, segments for pages of 16 KiB, nothing writable that runs or needs not be writable.
+# Checks the built libraries as files: they export the functions that the public headers declare and no others, need
+# the C library and the platform's libraries alone, have segments for pages of 16 KiB, and nothing that is writable
+# and executable, or writable without need.
 # Usage: binary_test.sh INCLUDE_DIR LIBRARY OTHER_LIBRARY...; LIBRARY is libkesaudio.so, the others are ours as well.
 set -u
 include=$1 library=$2
@@ -24,7 +25,7 @@ echo "$dynamic" | grep -q "(SONAME).*\[libkesaudio\.so\.$major\]" || wrong "$lib
 
 readelf -rW "$library" | grep -wF "$declared" && wrong "$library" 'calls itself through names that others may have taken'
 
-# Vectors that are silently off change no result: the kernels' instructions must be there.
+# Vector code that is off by mistake changes no result, so look for its instructions.
 case $(readelf -hW "$library") in
   *AArch64*) objdump=aarch64-linux-gnu-objdump vectors='sqdmulh sqxtn2 tbl ld3' ;;
   *) objdump=objdump vectors='pmulhw packssdw' ;;

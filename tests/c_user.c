@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* A caller in C99: mixes two 5.1 frames to stereo, through a component and through an entry point. */
+/* Mixes two 5.1 frames to stereo in C99: through a component, and through an entry point. */
 #include <kesaudio/kesaudio.h>
 #include <stdio.h>
 

@@ -1,6 +1,6 @@
 #!/bin/sh
-# The packages on a new Debian, in a folder that is thrown away: installed by apt, used, removed, nothing left.
-# Usage: clean_debian_test.sh FOLDER, which holds the .deb files
+# Installs the packages on a fresh Debian in a temporary folder, uses and removes them; nothing may be left.
+# Usage: clean_debian_test.sh FOLDER, with the .deb files
 set -eu
 packages=$(cd "$1" && pwd)
 tests=$(cd "$(dirname "$0")" && pwd)

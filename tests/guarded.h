@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory between two pages that can't be touched: a byte read or written past either end ends the test program. The
-// address sanitizer, where there is one, watches over the bytes around what is in use, too.
+// Memory between two inaccessible pages: reading or writing a byte beyond either end ends the test program. Under the
+// address sanitizer, so does touching the unused bytes around a block.
 #pragma once
 
 #include <sys/mman.h>
@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <memory>
 
-// The sanitizer's, where there is one.
+// Null without the sanitizer.
 extern "C" __attribute__((weak)) void __asan_poison_memory_region(const volatile void*, size_t);
 extern "C" __attribute__((weak)) void __asan_unpoison_memory_region(const volatile void*, size_t);
 
@@ -32,7 +32,8 @@ class Guarded {
             }};
   }
 
-  // `used` bytes, `gap` bytes behind the lower guard or before the upper one; marked, as up to 64 bytes around them.
+  // Returns a block of `used` bytes, `gap` bytes above the lower guard page or below the upper one. The block and up
+  // to 64 bytes around it are filled with kMarker.
   uint8_t* place(size_t used, bool low, size_t gap = 0) {
     const auto capacity = static_cast<size_t>(end_ - begin_);
     watch(begin_, capacity, __asan_unpoison_memory_region);

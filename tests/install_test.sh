@@ -1,7 +1,7 @@
 #!/bin/sh
-# What strangers get: their projects outside the tree build and run against an installation that was moved, by CMake and
-# by pkg-config, also when the libraries' folder is an absolute path; against the sources; and against the Debian
-# packages, unpacked. Usage: install_test.sh BUILD_DIR SOURCE_DIR VERSION
+# Builds and runs projects outside the tree, by CMake and by pkg-config: against an installation that was moved,
+# against one with an absolute folder of libraries, against the sources, and against the unpacked Debian packages.
+# Usage: install_test.sh BUILD_DIR SOURCE_DIR VERSION
 set -eu
 build=$1 source=$2 version=$3
 scratch=$(mktemp -d)
@@ -10,7 +10,7 @@ cd "$scratch"
 quietly() { "$@" >log 2>&1 || { cat log; echo "failed: $*"; exit 1; }; }
 die() { echo "$*"; exit 1; }
 
-# A folder with an installation: C by pkg-config, C and C++ by CMake, and the tool.
+# Tries the installation in a folder: C and C++ by pkg-config and by CMake, and the tool.
 use() {
   pc=$(dirname "$(find "$PWD/$1" -name kesaudio.pc)")
   libraries=$(dirname "$pc")
@@ -27,7 +27,7 @@ use() {
   done
   quietly c++ -x c++ "$source/tests/c_user.c" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs kesaudio) -o cxx_user
   quietly env LD_LIBRARY_PATH="$libraries" ./cxx_user
-  quietly cmake -G Ninja -S "$source/tests/stranger" -B "$1-user" -DKesAudio_ROOT="$PWD/$1"
+  quietly cmake -G Ninja -S "$source/tests/consumer" -B "$1-user" -DKesAudio_ROOT="$PWD/$1"
   quietly cmake --build "$1-user"
   quietly "$1-user/c_user"
   quietly "$1-user/host_user"
@@ -40,14 +40,14 @@ mv installed moved
 use moved
 find moved -name '*.so*' | grep -vE '/(kesaudio|glibc-hwcaps|libkesaudio\.so)' && die 'a library lies where others look'
 
-# An absolute folder of libraries stays what it is. The libraries in it are those of the other installation.
+# An absolute folder of libraries is kept as given. It is that of the other installation.
 plain="-DKESAUDIO_BUILD_TESTS=OFF -DKESAUDIO_BUILD_TOOLS=OFF -DKESAUDIO_BUILD_BENCH=OFF"
 quietly cmake -G Ninja -S "$source" -B configured $plain -DCMAKE_INSTALL_PREFIX=/opt/kesaudio \
   -DCMAKE_INSTALL_LIBDIR="$libraries" -DCMAKE_INSTALL_INCLUDEDIR="$scratch/moved/include"
 quietly cc "$source/tests/c_user.c" $(pkg-config --cflags --libs configured/kesaudio.pc) -o c_user
 quietly env LD_LIBRARY_PATH="$libraries" ./c_user
 
-quietly cmake -G Ninja -S "$source/tests/stranger" -B inside -DKESAUDIO_SOURCE="$source" -DCMAKE_BUILD_TYPE=Debug \
+quietly cmake -G Ninja -S "$source/tests/consumer" -B inside -DKESAUDIO_SOURCE="$source" -DCMAKE_BUILD_TYPE=Debug \
   -DKESAUDIO_LEVELS=
 quietly cmake --build inside
 quietly inside/c_user

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host limiter in memory that is watched: its bits depend on nothing but the stream, and are held within 16.
+// The host limiter between guard pages: its output depends on the stream alone, and stays within the limits.
 #include <cmath>
 
 #include "host/limiter.h"
@@ -9,8 +9,8 @@ namespace {
 
 constexpr int32_t kFullScale = 1 << 24;
 
-// However a stream is cut: the same bits, after a reset too. Each sample is at most what came in, and at least that
-// by the gain of the greatest peak so far.
+// The output is the same however the stream is cut into blocks, and after a reset. Each sample is at most its input,
+// and at least its input times the gain that the greatest peak so far needs.
 void play(Random& random) {
   const uint32_t channels = 1 + random.below(2), any = 1 + random.below(UINT32_MAX),
                  rate = random.from({1u, 700u, 4000u, 44100u, 48000u, 192000u, UINT32_MAX, any});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host's log, line by line.
+// The lines of the host's log.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

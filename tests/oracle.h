@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the kernels and entry points must produce, in the slowest plain form: one sample at a time, 64-bit, sharing
+// The results of the kernels and entry points, in the plainest form: one sample at a time, in 64 bits, sharing
 // nothing with the library.
 #pragma once
 
@@ -54,7 +54,7 @@ inline std::ostream& operator<<(std::ostream& out, const Call& call) {
   return out << kKernelTable[call.kernel].name << " " << call.srcChannels << " -> " << call.dstChannels << ", format "
              << call.format << ", mask " << call.mask << ", " << call.byteCount << " bytes";
 }
-// The call that a line begins with, as it is written above.
+// Reads a call from the start of a line, as operator<< writes it.
 inline std::optional<Call> parsedCall(const std::string& line) {
   Call call{};
   const auto* const entry = std::ranges::find(kKernelTable, line.substr(0, line.find(' ')), &KernelEntry::name);
@@ -125,7 +125,7 @@ inline Frame outputFrame(const Call& call, const Frame& s) {
   return out;
 }
 
-// Everything the call writes from the start of dst.
+// All bytes that the call writes, from the start of dst.
 inline Bytes outputBlock(Call call, const uint8_t* src) {
   if (call.kernel == kToMono) call.kernel = call.mask ? kFold : kAverage;
   if (call.kernel == kFoldDispatch) {
@@ -145,7 +145,7 @@ inline Bytes outputBlock(Call call, const uint8_t* src) {
   return out;
 }
 
-// What an entry point leaves: the two counts, and everything written from the start of dst.
+// Results of an entry point: the two counts, and all bytes written from the start of dst.
 struct EntryResult {
   uint32_t inBytes, outBytes;
   Bytes written;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host resampler in memory that is watched: its bits depend on nothing but the stream.
+// The host resampler between guard pages: its output depends on the stream alone. And the component over it: first
+// block, largest output.
 #include "stream.h"
 
 namespace {
@@ -15,8 +16,8 @@ uint32_t someRate(Random& random) {
   return random.from({8000u, 11025u, 44100u, 48000u, 96000u, random.from({4000u, 44101u, 192000u, 767999u}), any});
 }
 
-// However a stream is cut, in memory with whatever in it before: the same bits, behind changes of rate and resets
-// too, and all at once with room for the output and no more.
+// The output is the same however the stream is cut into blocks and whatever its memory held before, after changes of
+// rate and resets, too; also in one block with room for exactly the output.
 void play(Random& random) {
   const uint32_t channels = 1 + random.below(8);
   SrcParam param{someRate(random), channels, someRate(random), channels, random.below(4)};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Pseudo-random numbers that are the same on every machine, or choices out of a fuzzer's bytes.
+// Pseudo-random numbers, the same on every machine, or numbers from a fuzzer's bytes.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 class Random {
  public:
   explicit Random(uint32_t seed) : engine_(seed) {}
-  // A choice takes as many bytes as it needs; once they are used up, it is pseudo-random.
+  // Each number takes the bytes that its range needs; once they are used up, it is pseudo-random.
   Random(const uint8_t* bytes, size_t count) : next_(bytes), end_(bytes + count) {}
   bool usedUp() const { return next_ == end_; }
 

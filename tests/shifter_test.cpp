@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host shifter against its arithmetic in floating point, above all with values around the ties and limits of each
-// target.
+// The host shifter against floating-point arithmetic, mostly near the ties and limits of each target format.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -43,7 +42,7 @@ Values exactly(const Values& values, const Format& from, const Format& to) {
   return moved;
 }
 
-// A multiple of half of a power of two, or a limit of any format, or a neighbour of these.
+// A multiple of a power of two, or a limit of any format, or a neighbour of these.
 int64_t someValue(const Format& format, Random& random) {
   const int shift = random.between(0, format.rangeBits);
   const int64_t some = int64_t{static_cast<int32_t>(random.word())} >> (31 - format.rangeBits) >> shift << shift;
@@ -52,8 +51,8 @@ int64_t someValue(const Format& format, Random& random) {
                     format.highest());
 }
 
-// Shifts at a guard page, in place where a sample gets no wider, what may be more input or room than whole samples
-// need: as many come out, as they should be, and not a byte outside is touched.
+// Converts a block at a guard page, sometimes in place if samples get no wider, with more input or room than whole
+// samples need: the samples and counts are right, and no byte outside is touched.
 void play(Random& random) {
   static Guarded src(1 << 12), dst(1 << 12);
   const uint32_t type = random.below(12);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Streams through the host's libraries. Theirs is memory between guard pages, dirty before its use; so are blocks.
+// Streams through the host's libraries. Their memory and the blocks lie between guard pages and hold other values
+// before.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,7 +18,7 @@ class Stream {
  public:
   using Process = int32_t(void*, void*, const void*, uint32_t*, void*, uint32_t*);
 
-  // Offers all of the input at once, with room for so many bytes. None of it may be left.
+  // Offers the whole input at once, with `room` bytes for the output. No input may be left.
   Bytes run(const Bytes& input, uint32_t room = 1 << 16) {
     Bytes output(room);
     auto left = static_cast<uint32_t>(input.size()), made = room;
@@ -27,7 +28,7 @@ class Stream {
     return output;
   }
 
-  // Offers all of the input, in blocks of up to so many bytes with room for as many, at random.
+  // Offers the whole input in random blocks of up to blockBytes, with random room of up to as many.
   Bytes runInBlocks(const Bytes& input, uint32_t blockBytes, Random& random) {
     Bytes output;
     size_t at = 0;
@@ -54,7 +55,7 @@ class Stream {
   Stream(Process* process, uint32_t inFrameBytes, uint32_t outFrameBytes)
       : process_(process), inFrameBytes_(inFrameBytes), outFrameBytes_(outFrameBytes) {}
 
-  // The memory that the library asked for, so many bytes away from the guard; returns the internal one.
+  // Places the buffers that the library asked for, `gap` bytes before the guard page. Returns the internal one.
   void* place(uint32_t internalBytes, uint32_t scratchBytes, size_t gap) {
     internal_ = Guarded(internalBytes + gap), scratch_ = Guarded(scratchBytes + gap);
     scratchAt_ = scratch_.place(scratchBytes, false, gap);

@@ -1,11 +1,11 @@
 #!/bin/sh
-# Android.bp is formatted, names files that are there, and lacks no source, flag or test of the CMake build.
+# Checks that Android.bp is formatted, names existing files, and has every source, flag and test of the CMake build.
 set -eu
 export LC_ALL=C
 cd "$(dirname "$0")/../.."
 command -v bpfmt >/dev/null || { echo 'please run: sudo apt-get install blueprint-tools'; exit 1; }
 
-# Whatever it finds, bpfmt ends with 0 for a file that it can read.
+# bpfmt exits with 0 whatever it finds.
 difference=$(bpfmt -d Android.bp)
 [ -z "$difference" ] || { printf '%s\n' "$difference"; exit 1; }
 

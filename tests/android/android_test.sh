@@ -1,6 +1,6 @@
 #!/bin/sh
-# Builds the library for Android, with stubs in the place of a device's libraries, and checks it; makes the AAR from it
-# and checks that; and compiles what docs/android.md shows. Usage: android_test.sh FOLDER, where the build is kept.
+# Builds the library for Android, with stubs in place of a device's libraries, and checks it; packs it into an AAR and
+# checks that; compiles the C code in docs/android.md. Usage: android_test.sh FOLDER, which keeps the build
 set -eu
 export LC_ALL=C
 root=$(cd "$(dirname "$0")/../.." && pwd)
@@ -33,7 +33,7 @@ same "its segments' alignment" "$(readelf -lW "$library" | awk '$1 == "LOAD" {pr
 readelf -nW "$library" | grep -q 'AArch64 feature: BTI, PAC' || die 'it has no note of branch protection'
 readelf -dW "$library" | grep -q 'Flags: NOW' && readelf -lW "$library" | grep -q GNU_RELRO || die 'no full RELRO'
 
-# ---- the AAR: what lies in it, what that says, and the same bytes a second time
+# ---- the AAR: its files, their contents, and the same bytes when made again
 
 make_aar() { "$root/android/make_aar.sh" "$@"; }
 link() { # file, machine, soname, options
@@ -68,7 +68,7 @@ done
 unzip -p out.aar $module/libs/android.arm64-v8a/libkesaudio.so | cmp - "$library"
 unzip -p out.aar $module/include/kesaudio/types.h | cmp - "$root/include/kesaudio/types.h"
 
-# ---- what it refuses, in one line, leaving the file that was there
+# ---- refusals: one line each, and the old file is kept
 
 refuses() { # what it must say, arguments
   wanted=$1 && shift
@@ -97,7 +97,7 @@ refuses "wants a number, not 'r27'" --ndk r27 kept.aar arm64-v8a="$library"
 refuses usage kept.aar
 refuses 'nowhere: no such folder' nowhere/kept.aar arm64-v8a="$library"
 
-# ---- the document's C, as C99 and as C++
+# ---- the C code in the document, as C99 and as C++
 
 awk '/^```c$/ {file = "snippet" ++n ".c"; next} /^```/ {file = ""} file {print > file}' "$root/docs/android.md"
 [ -e snippet1.c ] || die 'docs/android.md shows no C'

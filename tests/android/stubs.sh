@@ -1,6 +1,6 @@
 #!/bin/sh
-# Makes stubs of a device's libraries, to link with: they export the functions that ours takes, and do nothing. The
-# closed libraries come into FOLDER, what an NDK has into FOLDER/system. Usage: stubs.sh FOLDER
+# Makes stubs of a device's libraries, to link with: they export the functions that ours calls, and do nothing. The
+# closed libraries go to FOLDER, those of an NDK to FOLDER/system. Usage: stubs.sh FOLDER
 set -eu
 mkdir -p "$1/system"
 folder=$(cd "$1" && pwd)

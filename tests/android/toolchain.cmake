@@ -1,9 +1,9 @@
-# What the NDK's toolchain file sets, for Debian's clang and lld, on a machine without an NDK: the compiler's target,
-# the system, and the flags that a build can fail over. CMake then takes the same ways as with an NDK: ANDROID is set,
+# The settings of the NDK's toolchain file for Debian's clang and lld, on a machine without an NDK: the compiler's
+# target, the system, and the flags that can make a build fail. CMake then behaves as with an NDK: ANDROID is set,
 # libraries have no version in their names, nothing of the host is searched.
 #
-# What it can't bring are Android's C library and headers: the headers are those of Debian's cross compiler
-# (libc6-dev-arm64-cross, libstdc++-12-dev-arm64-cross), the libraries stubs (stubs.sh) in KESAUDIO_ANDROID_SYSTEM.
+# Android's C library and headers are not here: the headers are those of Debian's cross compiler (libc6-dev-arm64-cross,
+# libstdc++-12-dev-arm64-cross), the libraries are stubs (stubs.sh) in KESAUDIO_ANDROID_SYSTEM.
 set(CMAKE_SYSTEM_NAME Android)
 set(CMAKE_SYSTEM_VERSION 1) # the toolchain file is in charge: CMake looks for no NDK
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
@@ -27,7 +27,7 @@ string(JOIN " " flags -DANDROID -fdata-sections -ffunction-sections -funwind-tab
   -Wformat -Werror=format-security -nostdlibinc)
 set(CMAKE_C_FLAGS_INIT "${flags} -isystem ${cross}")
 set(CMAKE_CXX_FLAGS_INIT "${flags} -isystem ${cxx} -isystem ${cxx}/aarch64-linux-gnu -isystem ${cross}")
-# No start files: the C library's for Android aren't here, and those for Linux lack the note of branch protection.
+# No start files: Android's aren't here, and those of Linux lack the note of branch protection.
 string(JOIN " " CMAKE_SHARED_LINKER_FLAGS_INIT -Qunused-arguments -fuse-ld=lld -nostdlib -Wl,--build-id=sha1
   -Wl,--no-undefined -Wl,--no-undefined-version -Wl,--fatal-warnings -L${KESAUDIO_ANDROID_SYSTEM})
 set(CMAKE_C_STANDARD_LIBRARIES_INIT "-lm -lc -ldl")

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// kesconvert's way from one file to another, all but its command line: any bytes are a file to convert, or raw PCM.
-// Their last four, audio at most, choose the conversion too, so that a seed is an ordinary file. Whatever is made
-// must be readable, as long as was meant; whatever cannot be made fails as the tool's user is told.
+// kesconvert without its command line: the bytes are a file to convert, or raw PCM. Their last four also choose the
+// conversion, so that a seed is an ordinary file. Every output must be readable and of the planned length; every
+// refusal must be a Failure, with its message for the user.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #!/bin/sh
-# Feeds kesconvert files that zzuf has damaged, and says how that went: mutate_files.sh KESCONVERT FILES [FIRST]
-# File number N is the same on every run. Each must end in time, either well, with an output that can be read, or with
-# one line and with what was there before as it was; never by a signal, and nothing else may be left.
+# Feeds kesconvert files that zzuf has damaged: mutate_files.sh KESCONVERT FILES [FIRST]
+# File number N is the same in every run. Each run must end in time: with success and an output that can be read, or
+# with one line and the old output as it was; never by a signal. No other file may be left.
 set -u
 kesconvert=$(realpath "$1") files=$2 first=${3:-1}
 seeds=$(cd "$(dirname "$0")/corpus/kesconvert" && pwd)
@@ -11,7 +11,7 @@ trap 'exit 1' INT TERM
 cd "$folder" || exit 1
 exec 3>log
 
-# A number below that given, in drawn.
+# Sets drawn to a pseudo-random number below the argument.
 draw() { state=$(((state * 1103515245 + 12345) % 2147483648)) && drawn=$((state / 65536 % $1)); }
 
 old='This was here before.'
@@ -52,7 +52,7 @@ while [ $n -lt $((first + files)) ]; do
   esac
   case $seed in *.raw) options="$options --raw 48000:2:s16" in=in.raw ;; *) in=in ;; esac
 
-  # zzuf damages each bit with a chance within the range, and takes what it draws from the seed.
+  # zzuf flips bits at a rate within -r, drawn from the seed.
   zzuf -q -s "$n" -r 0.0005:0.03 -b "$bytes" <"$seed" | $cut >$in
   echo "$old" >$out
   timeout 10 "$kesconvert" $in $out $options >says 2>errors

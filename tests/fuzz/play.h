@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A fuzz program out of a test's source: it plays with what the bytes choose, and the first expectation that fails
-// ends it. To be included behind the function play.
+// Makes a fuzz program of a test's source: the fuzzer's bytes are its random numbers, and the first failed
+// expectation ends it. Include this after the definition of play.
 #pragma once
 
 #include <csignal>
@@ -8,7 +8,7 @@
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   testing::InitGoogleTest();
   GTEST_FLAG_SET(throw_on_failure, true);
-  std::signal(SIGSEGV, SIG_DFL);  // a test's own handler would keep the input from being written down
+  std::signal(SIGSEGV, SIG_DFL);  // with a handler, libFuzzer would not save the input
   return 0;
 }
 

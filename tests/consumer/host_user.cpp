@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A caller in C++ of the library, and of a host library by itself: one sample to 24 bits, and its log beside it.
+// Calls the library and, directly, a host library: converts one sample to 24 bits.
 #include <kesaudio/kesaudio.h>
 #include <kesaudio/platform/shifter_lib.h>
 
