@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The host's resampler and limiter by what they do to the sound: level, noise, time, rounding, gain.
+"""Measures the sound of the host's resampler and limiter: level, noise, timing, rounding, gain.
 
-Usage: python3 engines_quality.py FOLDER    in which libpalix32_vendor.so and libkeslimiter_vendor.so are
+Usage: python3 engines_quality.py FOLDER    with libpalix32_vendor.so and libkeslimiter_vendor.so
 """
 import sys
 import unittest
@@ -12,14 +12,14 @@ from numpy.testing import assert_allclose, assert_array_equal
 from resampler_quality import RATE_PAIRS, decibels, measure
 
 FOLDER = sys.argv.pop(1) if len(sys.argv) > 1 else sys.exit(__doc__)
-# The resampler's formats: number, what is taken and what is made.
+# The resampler's formats: number, input and output type.
 S16, S16_TO_S32 = (0, np.int16, np.int16), (1, np.int16, np.int32)
 S32, Q8_24 = (2, np.int32, np.int32), (3, np.int32, np.int32)
 LIMITED, FULL_SCALE = 256, 1 << 24  # the limiter's conversion, from 8.24
 
 
 def engine(library, prefix):
-    """Its operations, by what their names have behind the prefix."""
+    """Calls an operation of the library, named without its prefix."""
     operations = CDLL(f"{FOLDER}/lib{library}.so")
     return lambda name, *arguments: operations[f"{prefix}_{name}"](*arguments)
 
@@ -32,13 +32,13 @@ def words(*values):
 
 
 def buffer_sizes(call, stream):
-    """The result, and the bytes of the internal and of the scratch buffer."""
+    """Returns the result, and the sizes of the internal and the scratch buffer."""
     internal, scratch = c_uint32(1), c_uint32(1)
     return call("GetBufferSize", byref(internal), byref(scratch), stream), internal.value, scratch.value
 
 
 class Stream:
-    """A stream through an engine, in memory that is dirty before."""
+    """A stream through an engine, whose memory holds other values before."""
 
     def __init__(self, call, sized_by, param, taken, made):
         self.call, self.taken, self.made, self.instance = call, taken, made, c_void_p()
@@ -70,14 +70,14 @@ def sine(cycles):
 
 
 def run_sine(stream, amplitude, cycles, first, frames):
-    """In 32 bits, as numbers of full scale 1, a sine of so many cycles a frame."""
+    """Runs a sine in 32 bits; amplitude and output have full scale 1, cycles counts periods per frame."""
     return stream.run(np.rint(amplitude * 2**31 * sine(cycles * np.arange(first, first + frames)))) / 2**31
 
 
 class Resampler(unittest.TestCase):
     def test_level_noise_and_time_of_sines(self):
-        """A sine of -1 dB full scale comes out where it belongs in time, at its level, and beside it nothing above
-        -123 dB; one from 1.1 of the lower Nyquist frequency on does not come out."""
+        """A sine of -1 dB full scale keeps its timing and level, and nothing else exceeds -123 dB; above 1.1 of the
+        lower Nyquist frequency it is stopped."""
         for in_rate, out_rate, frequency, loss in (  # of the lower Nyquist frequency; in dB, None if it is stopped
                 (44100, 48000, 0.0452, 0.001), (44100, 48000, 0.9, 0.02), (48000, 44100, 0.9, 0.02),
                 (48000, 44100, 0.1, 0.001), (48000, 16000, 0.9, 0.02), (48000, 16000, 1.1, None),
@@ -106,7 +106,7 @@ class Resampler(unittest.TestCase):
                 self.assertGreater(quality.thd_n_16, 94)
 
     def test_rate_changes_without_a_click(self):
-        """The sine goes on where it was, as if the new rate had begun at the first output after the change."""
+        """The sine continues in phase, at the new rate from the first output after the change."""
         for in_rate, out_rate, skipped_rate, new_rate in (
                 (44100, 48000, 48000, 47990), (48000, 44100, 24000, 48000), (48000, 24000, 44100, 12000),
                 (16000, 48000, 768000, 16000), (8000, 44100, 96000, 11025), (44100, 48001, 48000, 32000),
@@ -127,8 +127,8 @@ class Resampler(unittest.TestCase):
                 assert_array_equal(stream.run(noise), resampler(in_rate, new_rate).run(noise))
 
     def test_formats_round_and_clamp(self):
-        """The formats hold the same numbers; 16 bits are the nearest to them, within their range. The input is noise
-        and steps of full scale, which overshoot."""
+        """All formats get the same numbers, and 16 bits the nearest within their range. The input is noise, and steps
+        of full scale, which overshoot."""
         narrow = np.append(np.random.default_rng(4).integers(-32768, 32768, 1000),
                            np.tile(np.repeat((-32768, 32767), 50), 10))
         exact = resampler(44100, 48000, S32).run(narrow * 65536)
@@ -154,7 +154,8 @@ class Resampler(unittest.TestCase):
 
 class Limiter(unittest.TestCase):
     def test_leaves_alone_what_16_bits_hold(self):
-        """To the nearest, of two the even one, and late by the delay; again so long after a peak."""
+        """Within the threshold, samples are rounded to the nearest, ties to even, and delayed; also once the release
+        of a peak is over."""
         for rate, delay in ((8000, 12), (44100, 66), (96000, 144), (250000, 288)):
             with self.subTest(rate=rate):
                 samples = np.random.default_rng(2).integers(-32768 * 512, 32767 * 512, 3 * rate, endpoint=True)
@@ -166,8 +167,8 @@ class Limiter(unittest.TestCase):
                 assert_array_equal(output[rate * 9 // 4:], expected[rate * 9 // 4:])  # its release is over
 
     def test_turns_down_without_a_click(self):
-        """The gain, seen on a constant in one channel while the other one peaks: down along a straight line, there
-        with the peak, and up by 63 % within 80 ms; the same for both channels."""
+        """A constant in one channel shows the gain while the other channel peaks: down in a straight line until the
+        peak, and up by 63 % within 80 ms; the same for both channels."""
         rate, delay, peak = 48000, 72, 10000
         samples = np.full((rate, 2), (FULL_SCALE // 2, 0))
         samples[peak, 1] = 2 * FULL_SCALE
@@ -181,7 +182,7 @@ class Limiter(unittest.TestCase):
         self.assertLessEqual(steps.max(), 0.5 / 3840 + 1e-4)
 
     def test_lets_go_behind_the_peak(self):
-        """Not a frame longer than it must: at 700 Hz, where the window is two frames, a frame can be seen."""
+        """The gain is held no frame too long: visible at 700 Hz, where the window is two frames."""
         samples = np.full(200, FULL_SCALE // 2)
         samples[100] = 2 * FULL_SCALE
         output = limited(1, 700, samples)

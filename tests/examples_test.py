@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Compiles the examples of the headers and the README, in C99 and C++, runs them and looks at what they make.
+"""Compiles the examples of the headers and the README, as C99 and as C++, runs them and checks their output.
 Usage: examples_test.py SOURCE_DIR LIBRARY_DIR CC CXX"""
 import pathlib, re, subprocess, sys, tempfile
 
@@ -9,7 +9,7 @@ headers = ''
 for header in sorted((source / 'include/kesaudio').glob('*.h')):
     for code in re.findall(r'@code\n(.*?) \* @endcode', header.read_text(), re.S):
         headers += re.sub(r'^ \* ?', '', code, flags=re.M)
-assert headers.count('InitKesAudio') == 3, 'an example a component'
+assert headers.count('InitKesAudio') == 3, 'one example for each component'
 whole, *pieces = re.findall(r'```c\n(.*?)```', (source / 'README.md').read_text(), re.S)
 assert len(pieces) == 2
 

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """Measures the sound of a resampler by sines and an impulse, for engines_quality.py and for the benchmark.
 
-Every rate and every sine is a whole number of hertz, and exactly one second of output is transformed. So each sine,
-image, alias and harmonic is one bin of the spectrum: there is no window, and nothing leaks from bin to bin.
+All rates and sines are whole numbers of hertz, and exactly one second of output is transformed. So each sine, image,
+alias and harmonic is one bin of the spectrum: no window is needed, and nothing leaks between bins.
 
 Usage: resampler_quality.py RESAMPLER_BENCH    prints tables of all engines of the benchmark
 """
@@ -34,8 +34,8 @@ class Quality(NamedTuple):
 
 
 def spectrum(resample, in_rate, out_rate, hertz):
-    """The amplitudes at 0, 1, 2, ... Hz, re the sine, once it lasts a quarter of a second."""
-    phases = np.arange(3 * in_rate // 2) * hertz % in_rate  # reduced in whole numbers
+    """Amplitudes at 0, 1, 2, ... Hz relative to the sine, from a quarter of a second on."""
+    phases = np.arange(3 * in_rate // 2) * hertz % in_rate  # reduced while exact integers
     second = resample(AMPLITUDE * np.sin(2 * np.pi * phases / in_rate))[out_rate // 4:][:out_rate]
     assert len(second) == out_rate, "a resampler makes too little output"
     return abs(np.fft.rfft(second)) * 2 / out_rate / AMPLITUDE
@@ -47,11 +47,11 @@ def thd_n(amplitudes, hertz=997):
 
 
 def measure(resample, resample16, in_rate, out_rate):
-    """resample and resample16 take and make arrays of one channel, full scale 1."""
+    """resample and resample16 take and return arrays of one channel, full scale 1."""
     nyquist = min(in_rate, out_rate) / 2
     limit = int(0.9 * nyquist)
     bins = lambda hertz: spectrum(resample, in_rate, out_rate, hertz)
-    # The first two sines land, as image or alias, on the limit itself, where a filter has had the least room.
+    # The first two sines have their image or alias on the limit itself, where the filter attenuates least.
     sines = [out_rate - limit, in_rate + limit - out_rate, *range(173, in_rate // 2, 173)]
     spurs = [np.delete(bins(hertz)[:limit + 1], hertz if hertz <= limit else []).max()
              for hertz in sines if hertz < in_rate / 2]
@@ -64,8 +64,8 @@ def measure(resample, resample16, in_rate, out_rate):
 
 
 def latency(blocks_of, in_rate, out_rate):
-    """Input frames from an impulse to its peak in the output, at most, fed frame by frame: its peak tells the output
-    that belongs to an input frame; those that coincide with an output then wait for as long as this says."""
+    """Input frames that an output waits for, at most, when fed frame by frame. The peak of an impulse tells which
+    output belongs to which input frame."""
     divisor = math.gcd(in_rate, out_rate)
     in_step, out_step = in_rate // divisor, out_rate // divisor
     impulse = 8192 // in_step

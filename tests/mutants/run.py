@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Plants the faults of faults.txt one by one in a copy of the sources, and demands that a test turns red for each.
+"""Plants the faults of faults.txt one by one in a copy of the sources; a test must fail for each.
 
-Usage: run.py [PATTERN]    the faults in whose build, place and description the regular expression is found; without
-                           it, all
+Usage: run.py [PATTERN]    all faults, or those whose build, place and description match a regular expression
        run.py --places     only checks that each fault still has its place in the sources
 
-A fault that no test finds, whose text is not in its function exactly once, or that does not compile is named at the
-end, and the exit code is 1. The copies and their builds stay in build/mutants/, for the next run to be quick.
+Faults that no test finds, whose text does not stand in their function exactly once, or that do not compile are listed
+at the end, and the exit code is 1. The copies and their builds stay in build/mutants/ to make the next run quick.
 """
 import concurrent.futures
 import os
@@ -18,7 +17,7 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILDS = {  # by the name that a section of the list begins with
+BUILDS = {  # by the name in a section's heading
     "x86-64": "-DCMAKE_CXX_FLAGS=-march=x86-64",
     "x86-64-v3": "-DCMAKE_CXX_FLAGS=-march=x86-64-v3 -DKESAUDIO_BUILD_TOOLS=OFF",
     "debug": "-DCMAKE_CXX_FLAGS_DEBUG=-g -DKESAUDIO_BUILD_TOOLS=OFF",
@@ -46,7 +45,7 @@ def read_list(pattern):
 
 
 def end_of_definition(text, at):
-    """Where what begins at a name ends: behind the block in braces, or the first semicolon before one."""
+    """End of the definition whose name is at `at`: its closing brace, or a semicolon before any brace."""
     depth = 0
     for match in re.compile(r"[(){};]").finditer(text, at):
         sign = match.group()
@@ -57,7 +56,7 @@ def end_of_definition(text, at):
 
 
 def planted(text, name, old, new):
-    """The text with the fault, or None unless the old text is in the definitions of that name exactly once."""
+    """The text with the fault, or None unless the definitions of that name hold the old text exactly once."""
     ends = {at: end_of_definition(text, at) for at in
             (match.start() for match in re.finditer(rf"\b{re.escape(name)}\b", text))}
     places = {at + match.start() for at, end in ends.items() for match in re.finditer(re.escape(old), text[at:end])}
@@ -68,7 +67,7 @@ def planted(text, name, old, new):
 
 
 class Copy:
-    """The sources of one build, and the build."""
+    """A copy of the sources, and its build."""
 
     def __init__(self, name):
         self.folder = ROOT / "build/mutants" / name
@@ -79,7 +78,7 @@ class Copy:
         for old in list(self.source.rglob("*")) if self.source.exists() else []:
             if old.is_file() and str(old.relative_to(self.source)) not in names:
                 old.unlink()
-        for file in names:  # what stays the same is not compiled again
+        for file in names:  # unchanged files keep their time, and are not compiled again
             to, content = self.source / file, (ROOT / file).read_bytes()
             if not to.exists() or to.read_bytes() != content:
                 to.parent.mkdir(parents=True, exist_ok=True)
@@ -112,7 +111,7 @@ class Copy:
 
 
 def try_build(name, faults):
-    """Names the faults of a build that went unnoticed."""
+    """Tries the faults of a build. Returns those that no test found."""
     copy, bad = Copy(name), []
     for tests in sorted({fault[-1] for fault in faults}):
         if (verdict := copy.verdict(tests)) != "green":
@@ -156,7 +155,7 @@ def main():
         try:
             bad = sum(pool.map(try_build, faults.keys(), faults.values()), [])
         except KeyboardInterrupt:
-            os._exit(130)  # the copies are set right by the next run
+            os._exit(130)  # the next run restores the copies
     print(f"{sum(map(len, faults.values()))} faults, {len(bad)} not found", *bad, sep="\n")
     return 1 if bad or not faults else 0
 
