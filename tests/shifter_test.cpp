@@ -32,14 +32,14 @@ Bytes packed(const Values& values, const Format& format) {
   return bytes;
 }
 
-Values exactly(const Values& values, const Format& from, const Format& to) {
-  Values moved;
+Values converted(const Values& values, const Format& from, const Format& to) {
+  Values results;
   for (const int64_t value : values) {
     const double nearest =
         std::nearbyint(std::ldexp(static_cast<double>(value), to.fullScaleBits - from.fullScaleBits));
-    moved.push_back(std::clamp(static_cast<int64_t>(nearest), -to.highest() - 1, to.highest()));
+    results.push_back(std::clamp(static_cast<int64_t>(nearest), -to.highest() - 1, to.highest()));
   }
-  return moved;
+  return results;
 }
 
 // A multiple of a power of two, or a limit of any format, or a neighbour of these.
@@ -64,7 +64,7 @@ void play(Random& random) {
   for (int64_t& value : values) value = someValue(from, random);
   const bool low = random.oneIn(2);
 
-  const Bytes in = packed(values, from), expected = packed(exactly(values, from, to), to);
+  const Bytes in = packed(values, from), expected = packed(converted(values, from, to), to);
   uint8_t* const block = src.place(inPlace ? std::max(offered, room) : offered, low, gap);
   uint8_t* const out = inPlace ? block : dst.place(room, low, gap);
   std::ranges::copy(in, block);

@@ -78,22 +78,22 @@ int32_t check(const SrcParam& param) {
 
 // ---- rows of taps
 
-uint32_t quotientUp(uint64_t dividend, uint32_t divisor) {
+uint32_t divideUp(uint64_t dividend, uint32_t divisor) {
   return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
 }
 
 // Largest distance in input frames from the window of a group's first output to the last one's; depends on the
 // bandwidth alone.
 uint32_t maxPhaseOffset(const Ratio& ratio) {
-  return quotientUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
+  return divideUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
 }
 
 // Floats of a row: a zero for each input frame that its window is ahead of the group's, and the taps.
-uint32_t rowFloats(const Ratio& ratio) { return kLanes * quotientUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
+uint32_t rowFloats(const Ratio& ratio) { return kLanes * divideUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
 
 // If the output rate is the lower one, its period is M / L input frames.
 uint32_t rowsPerInputFrame(const Ratio& ratio) {
-  return ratio.L < ratio.M ? quotientUp(uint64_t{kRowsPerPeriod} * ratio.L, ratio.M) : kRowsPerPeriod;
+  return ratio.L < ratio.M ? divideUp(uint64_t{kRowsPerPeriod} * ratio.L, ratio.M) : kRowsPerPeriod;
 }
 
 uint32_t groupsInTable(const Ratio& ratio) { return ratio.L / std::gcd(ratio.L, kGroup); }
