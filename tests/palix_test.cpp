@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The host resampler between guard pages: its output depends on the stream alone. And the component over it: first
 // block, largest output.
+#include <array>
+
 #include "stream.h"
 
 namespace {
@@ -66,11 +68,15 @@ class Component {
   // Resamples a block of silence, with room for more than it makes. Returns the frames made.
   uint32_t process(uint32_t frames) {
     const Bytes src(frames * inFrameBytes(param_));
-    Bytes dst((maxOutput(frames) + 8) * outFrameBytes(param_));
+    Bytes dst((maxOutput(frames) + 2000) * outFrameBytes(param_));
     auto left = static_cast<uint32_t>(src.size()), made = static_cast<uint32_t>(dst.size());
     EXPECT_EQ(record_.Process(&record_, src.data(), &left, dst.data(), &made), KES_OK);
     EXPECT_EQ(left, 0u);
     return made / outFrameBytes(param_);
+  }
+  void setOutputRate(uint32_t rate) {
+    EXPECT_EQ(record_.SetParameter(&record_, KES_RESAMPLER_PARAM_OUT_RATE, rate), KES_OK);
+    param_.outSampleRate = rate;
   }
   uint32_t maxOutput(uint32_t frames) const {
     return kes_resampler_max_output(&param_, frames * inFrameBytes(param_)) / outFrameBytes(param_);
@@ -116,18 +122,28 @@ TEST(MaxOutput, HoldsEveryBlockWithTwoFramesToSpareAtMost) {
   }
 }
 
+// The shorter filter of a higher rate makes output that the longer one held back.
+TEST(MaxOutput, IsExceededOnceAfterARiseOfTheRate) {
+  for (const auto [in, before, after] :
+       {std::array{8000u, 4000u, 8000u}, {48000u, 4000u, 192000u}, {44100u, 24000u, 44100u}}) {
+    Component component({in, 2, before, 2, 2});
+    component.process(2000);
+    component.setOutputRate(after);
+    const uint32_t made = component.process(100), bound = component.maxOutput(100);
+    EXPECT_TRUE(made > bound && made <= bound + 38 * after / before)
+        << made << " after " << in << " to " << before << " Hz";
+    EXPECT_LE(component.process(100), bound);
+  }
+}
+
 TEST(MaxOutput, IsZeroForUnknownSizesAndBeyond32Bits) {
   const struct {
     SrcParam param;
     uint32_t inBytes, expected;
-  } kRows[] = {{{1, 1, 1, 1, 4}, 4, 0},
-               {{1, 0, 1, 1, 0}, 4, 0},
-               {{1, 1, 1, 0, 0}, 4, 0},
-               {{0, 1, 1, 1, 0}, 4, 0},
-               {{2, 1, 3, 1, 1}, 5, 24},  // 3 frames, 4.5 at the output rate
-               {{1, 1, 1, 1, 0}, 0xFFFFFFFC, 0xFFFFFFFE},
-               {{1, 1, 1, 1, 0}, 0xFFFFFFFD, 0},
-               {{1, 1, ~0u, ~0u, 2}, ~0u, 0}};
+  } kRows[] = {{{1, 1, 1, 1, 4}, 4, 0},          {{1, 0, 1, 1, 0}, 4, 0},
+               {{1, 1, 1, 0, 0}, 4, 0},          {{0, 1, 1, 1, 0}, 4, 0},
+               {{2, 1, 3, 1, 1}, 5, 24},         {{1, 1, 1, 1, 0}, 0xFFFFFFFC, 0xFFFFFFFE},
+               {{1, 1, 1, 1, 0}, 0xFFFFFFFD, 0}, {{1, 1, ~0u, ~0u, 2}, ~0u, 0}};
   for (const auto& [param, inBytes, expected] : kRows)
     EXPECT_EQ(kes_resampler_max_output(&param, inBytes), expected) << inBytes;
 }
