@@ -2,16 +2,16 @@
 /* The platform's limiter library, libkeslimiter_vendor, as far as the bit converter uses it: brings samples with
  * headroom to fewer bits, turning peaks down instead of cutting them off.
  *
- * On a device the platform provides it, and says which samples it takes, how it limits and how late. The bit converter
- * needs the four functions below, the instance (null for none), and the counts of Limiter_Process; it looks at no
- * return value.
+ * On a device the platform provides it, and defines its samples, its threshold and its delay. The bit converter needs
+ * the four functions below with both buffer sizes, an instance (or null) from Limiter_Open, and both counts from
+ * Limiter_Process. It ignores return values.
  *
- * Elsewhere ours does (host/limiter.cpp):
+ * Elsewhere ours takes its place (host/limiter.cpp):
  *
  *   samples    8.24 in, 16 bits out
  *   channels   1 or 2; both are turned down together, so that the image stays
  *   rates      any but 0
- *   threshold  -32768 to 32767 of 16 bits: samples within it pass unchanged, rounded to the nearest, ties to even
+ *   threshold  -32768 to 32767 of 16 bits: samples within it are only rounded, to the nearest, ties to even
  *   delay      1.5 ms, by which it sees peaks coming; silence comes out first
  *   attack     the delay: the gain goes down in a straight line to the value that the peak needs
  *   release    80 ms to recover 63 % of the gain
@@ -23,7 +23,7 @@
 
 #include <kesaudio/bit_converter.h>
 
-/* Return values of ours. */
+/* Our return values. */
 enum { LIMITER_OK = 0, LIMITER_BAD_TYPE = -1, LIMITER_BAD_STREAM = -2 };
 
 #ifdef __cplusplus
