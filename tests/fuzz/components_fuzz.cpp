@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A component beside its model: operations until the bytes are used up. COMPONENT is its test.
+// Random operations of a component until the bytes are used up. COMPONENT is its test.
 #include COMPONENT
 
 namespace {
