@@ -133,7 +133,7 @@ class Component {
       std::istringstream words(call);
       words >> operation;
       for (size_t at = 0; words >> word;) {
-        const size_t sign = word.find('=');  // npos + 1 is 0
+        const size_t sign = word.find('=');  // npos for an argument: it begins at npos + 1, 0
         const auto number = static_cast<uint32_t>(std::stoll(word.substr(sign + 1)));
         (sign == std::string::npos ? numbers.at(at++) : platform.answers[word.substr(0, sign)]) = number;
       }
