@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The platform's resampler library, libpalix32_vendor, as far as the resampler component uses it.
  *
- * On a device the platform provides it. Elsewhere ours does (host/resampler/engine.cpp); what is said below of errors, formats
- * and limits is about ours.
+ * On a device the platform provides it. Elsewhere ours does (host/resampler/engine.cpp); what is said below of
+ * errors, formats and limits is about ours.
  *
  *   format   0: 16-bit in and out   1: 16-bit in, 32-bit out   2: 32-bit in and out   3: 8.24 in and out
  *   rates    4000 to 768000 Hz, any pair

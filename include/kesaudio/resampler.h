@@ -111,9 +111,8 @@ struct KesAudioSrcInC {
    *     dst, outBytes   in: capacity of dst. Out: bytes in dst.
    *
    * A dst of kes_resampler_max_output bytes takes all of the output; with less, our library leaves input, which the
-   * caller offers again. The blocks may have any address and
-   * must not overlap. The last output of a stream comes out when silence is fed behind it, as much as the library's
-   * latency is.
+   * caller offers again. The blocks may have any address and must not overlap. The last output of a stream comes out
+   * when silence is fed behind it, as much as the library's latency is.
    *
    * The first block since the initialisation (not since an open or a Reset) is made as long as the input is at the
    * output rate: the library's output, shorter by its latency, is moved to the end of
@@ -163,7 +162,8 @@ struct KesAudioSrcInC {
 KESAUDIO_API void InitKesAudioSrcInC(KesAudioSrcInC* handle);
 
 /** A capacity in bytes that takes all output of a block of inBytes: the input's frames at the output rate, rounded
- * up, and one frame more. That holds for our library; a device's may hold back more and give it later. 0 for a format
+ * up, and one frame more. That holds for our library, except for the first block after SetParameter raised the output
+ * rate, which can have 38 * new / old rate frames more; a device's may hold back more and give it later. 0 for a format
  * above 3, a count or input rate of 0, or 2^32 bytes or more. param may be a record's mParam. Any thread. */
 KESAUDIO_API uint32_t kes_resampler_max_output(const SrcParam* param, uint32_t inBytes);
 
