@@ -1,40 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
-// Audio in files, containers and raw PCM alike, through libsndfile. Samples are 32-bit words that hold a narrower
-// sample in their high bits.
+// Reads and writes audio files and raw PCM through libsndfile. Samples are 32-bit words: 8.24, or integers, narrower
+// ones in the high bits.
 #ifndef KESCONVERT_AUDIO_FILE_H
 #define KESCONVERT_AUDIO_FILE_H
 
 #include <sndfile.h>
 
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
 #include "files.h"
 #include "layout.h"
+#include "stream_format.h"
 
 namespace kesconvert {
 
-struct StreamFormat {
-  int rate = 0;
-  unsigned channels = 0;
-  unsigned sampleBytes = 0;
-
-  std::uint64_t frameBytes() const { return std::uint64_t{channels} * sampleBytes; }
-};
-
-// libsndfile's major format for the extension of a name; empty when it is none of the containers that we take.
+// libsndfile's major format for a file name's extension; empty if it names no container that we write.
 std::optional<int> containerOfName(const std::string& name);
 
-// What libsndfile reads and writes through.
+// State of the I/O callbacks given to libsndfile.
 struct VirtualFile {
   int fd = -1;
-  bool sequential = false;        // a stream: its position cannot be chosen
-  sf_count_t length = 0;          // what libsndfile is told
-  sf_count_t unknownSizeAt = -1;  // where a size stands that is not known; its first bytes are read as
-  std::string_view readAs = "\xFF\xFF\xFF\xFF";
+  bool sequential = false;  // a stream, which cannot seek
+  sf_count_t length = 0;    // as told to libsndfile
+  bool fillsSizes = false;  // that a writer to a pipe could not know
+  char lastWord[4] = {};    // read, such as the name of a chunk
   sf_count_t position = 0;
   int error = 0;  // errno of a call that failed
 };
@@ -43,28 +35,32 @@ using Sound = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
 class AudioSource {
  public:
-  // raw: the format of a file without a header; empty for a container.
+  // raw: the format of a file without a header; empty if the file describes itself.
   AudioSource(const Descriptor& file, const std::string& name, const std::optional<StreamFormat>& raw);
 
-  // Returns the frames read, fewer than wanted at the end only. Fails when the input is cut short or damaged.
+  // Returns the frames read, fewer than wanted only at the end. Fails if the input is cut short or damaged.
   std::size_t read(std::int32_t* samples, std::size_t wanted);
 
-  StreamFormat format;
+  StreamFormat format;                  // 8.24 for samples that are no integers
   std::optional<std::uint64_t> frames;  // empty: known at the end
   std::string container;
+  std::string encoding;                 // "24-bit", "MPEG Layer III"
+  PcmFormat usualOutput = KES_PCM_S16;  // the samples of an output that nobody chose
+  std::uint64_t clippedSamples = 0;     // beyond 8.24, or not a number
   ChannelMask layout = KES_LAYOUT_NONE;
   std::string layoutOrigin = "nothing names it";
 
  private:
-  void setSound(SNDFILE* sound);
-  void findLayout(int major);
-  void checkFrameBytes() const;
-  void checkFrames(std::uint64_t there) const;
+  bool open(SF_INFO& info);
+  void setFormat(const SF_INFO& info);
+  void findLayout(int format);
 
   std::string name_;
   VirtualFile file_;
   Sound sound_{nullptr, sf_close};
   std::uint64_t delivered_ = 0;
+  std::vector<double> doubles_;
+  std::vector<unsigned> order_;  // where the file has each channel of a frame, if not in the order of the layout
 };
 
 class AudioSink {
@@ -78,7 +74,7 @@ class AudioSink {
   void finish();
 
   std::string container;
-  ChannelMask layoutTold = KES_LAYOUT_NONE;  // what a reader of the file will take the layout for
+  ChannelMask storedLayout = KES_LAYOUT_NONE;  // as a reader of the file will understand it
 
  private:
   void checkLength(std::uint64_t frames) const;
@@ -89,7 +85,7 @@ class AudioSink {
   VirtualFile file_;
   Sound sound_{nullptr, sf_close};
   bool hasMask_ = false;  // the header is WAV's extensible one
-  std::uint64_t mostFrames_;
+  std::uint64_t maxFrames_;
   std::uint64_t written_ = 0;
 };
 

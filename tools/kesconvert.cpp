@@ -10,9 +10,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iostream>
+#include <map>
 #include <regex>
+#include <set>
 
 #include "audio_file.h"
 #include "conversion.h"
@@ -23,19 +27,23 @@
 namespace kesconvert {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr unsigned kMaxChannels = KES_CHANNEL_CONVERTER_MAX_CHANNELS;
 
 constexpr const char* kExamples = R"(Examples:
   kesconvert film.wav film-stereo.flac --channels 2
       A 5.1 recording to stereo; the layout is taken from the file.
   kesconvert take.wav stereo.wav --channels 2 --layout 4.0
-      The file does not say where its four channels belong, and they are not quad, so say it.
+      The four channels have no layout in the file, and are not quad.
   kesconvert film.wav cd.wav --channels 2 --rate 44100
       Mixed first, then resampled: two channels instead of six.
   kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
       To 16 bits, with peaks that the mix makes too high turned down, not cut off.
   kesconvert stereo.wav surround.wav --channels 6 --upmix zero
       Left and right stay where they are, four silent channels follow.
+  kesconvert *.mp3 *.flac stereo/ --channels 2
+      Several files, to a folder.
   arecord -t raw -f S16_LE -r 48000 -c 2 | kesconvert - mono.wav --channels 1 --raw 48000:2:s16
       Raw PCM from a pipe.
 
@@ -44,31 +52,32 @@ The layout comes from --layout, else from the file; where neither says it, four 
 5.0, 6.1 and 7.1 are mixed as 5.1, any other layout, and none, gets the pairwise average.)";
 
 struct Options {
-  std::string in;
-  std::string out;
+  std::vector<std::string> files;  // inputs, and the output
   std::optional<unsigned> channels;
   std::optional<ChannelMask> layout;
   std::optional<int> rate;
-  std::optional<unsigned> sampleBytes;
-  Wishes wishes;
+  std::optional<PcmFormat> samples;
+  ConversionOptions conversion;
   std::size_t blockFrames = 4096;
   std::optional<StreamFormat> raw;
 };
 
-// One line, whatever is in the names that it quotes.
+// Prints one line, whatever control characters the names in it have.
 void printLine(std::FILE* stream, std::string text) {
   std::ranges::replace_if(
       text, [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0; }, '?');
   std::fputs((text + '\n').c_str(), stream);
 }
 
+const std::map<std::string, PcmFormat> kSampleNames = {
+    {"s16", KES_PCM_S16}, {"s24", KES_PCM_S24_PACKED}, {"s32", KES_PCM_S32}};
+
 StreamFormat parseRaw(const std::string& text) {
   std::smatch parts;
-  if (!std::regex_match(text, parts, std::regex("([1-9][0-9]{0,6}):([1-8]):s(16|24|32)")))
+  if (!std::regex_match(text, parts, std::regex("([1-9][0-9]{0,6}):([1-8]):(s16|s24|s32)")))
     failUsage("--raw {} is not RATE:CHANNELS:FORMAT; give 1 to 8 channels of s16, s24 or s32, e.g. 48000:2:s16",
               text);
-  const auto number = [&](std::size_t part) { return static_cast<unsigned>(std::stoul(parts[part])); };
-  return {static_cast<int>(number(1)), number(2), number(3) / 8};
+  return {std::stoi(parts[1]), static_cast<unsigned>(std::stoul(parts[2])), kSampleNames.at(parts[3])};
 }
 
 // "44.1k" as "44100"; anything else as it is.
@@ -85,38 +94,49 @@ ChannelMask parseLayoutOption(const std::string& text) {
   failUsage("--layout {} is unknown; use a mask like 0x3F or one of {}", text, layoutNames());
 }
 
-// The exit code, when there is nothing more to do.
+// CLI11 gives an option its long name, whatever was typed.
+std::string asTyped(std::string message, const std::vector<std::string>& arguments) {
+  const auto isTyped = [&](const char* name) {
+    return std::ranges::any_of(arguments, [&](const std::string& argument) { return argument.starts_with(name); });
+  };
+  for (const auto& [typed, full] : {std::pair("-c", "--channels"), std::pair("-r", "--rate")})
+    if (message.starts_with(full) && isTyped(typed) && !isTyped(full)) message.replace(0, std::strlen(full), typed);
+  return message;
+}
+
+// Returns the exit code if there is nothing more to do.
 std::optional<int> parseArguments(int argc, char** argv, Options& options) {
-  CLI::App app("Changes the channels, the sampling rate and the sample format of an audio file.", "kesconvert");
+  CLI::App app("Changes the channels, the sampling rate and the sample format of audio files.", "kesconvert");
   app.footer(kExamples);
   app.set_version_flag("--version", fmt::format("kesconvert {}.{}.{}", KESAUDIO_VERSION_MAJOR, KESAUDIO_VERSION_MINOR,
                                                 KESAUDIO_VERSION_PATCH));
   app.option_defaults()->always_capture_default();
-  app.add_option("IN", options.in,
-                 "file of 16, 24 or 32-bit PCM: WAV, RF64, W64, AIFF, CAF, FLAC or AU; - is standard input")
-      ->required();
-  app.add_option("OUT", options.out, "file, its container by its extension; - is standard output, a WAV")->required();
+  app.add_option("IN... OUT", options.files,
+                 "files that libsndfile reads: WAV, RF64, W64, AIFF, CAF, AU, FLAC, Ogg, Opus, MP3 and others; then "
+                 "the output, its container by its extension, or a folder. - is standard input, or standard output "
+                 "as WAV")
+      ->option_text(" ");
   app.add_option("-c,--channels", options.channels, "channels of the output, as many as the input's if not given")
       ->check(CLI::Range(1u, kMaxChannels));
   CLI::Option* const rate =
       app.add_option("-r,--rate", options.rate,
                      "sampling rate of the output in Hz or as 44.1k, the input's if not given")
           ->transform(parseRate)
-          ->check(CLI::Range(kLeastRate, kMostRate).description(fmt::format("{} to {}", kLeastRate, kMostRate)));
-  app.add_flag("--multichannel", options.wishes.multichannel,
-               "resample stereo too as every other number of channels: by the multichannel resampler")
+          ->check(CLI::Range(kMinRate, kMaxRate).description(fmt::format("{} to {}", kMinRate, kMaxRate)));
+  app.add_flag("--multichannel", options.conversion.multichannel,
+               "resample stereo too by the multichannel resampler, as any other number of channels")
       ->needs(rate);
   app.add_option_function<std::string>(
       "--layout", [&](const std::string& text) { options.layout = parseLayoutOption(text); },
       "layout of the input: a mask like 0x3F or one of " + layoutNames());
   app.add_option_function<std::string>(
-         "--format", [&](const std::string& text) { options.sampleBytes = std::stoul(text.substr(1)) / 8; },
-         "samples of the output, the input's if not given")
+         "--format", [&](const std::string& text) { options.samples = kSampleNames.at(text); },
+         "samples of the output, the input's if not given; s24 for float, s16 for lossy formats")
       ->check(CLI::IsMember({"s16", "s24", "s32"}));
-  app.add_flag("--limit", options.wishes.limit,
+  app.add_flag("--limit", options.conversion.limit,
                "mix with headroom, and turn down what 16 bits cannot hold instead of clipping it; makes s16");
   std::string upmix = "duplicate";
-  app.add_option("--upmix", upmix, "what fills new channels, the others in turn or silence")
+  app.add_option("--upmix", upmix, "what fills new channels: the others in turn, or silence")
       ->check(CLI::IsMember({"duplicate", "zero"}));
   app.add_option("--block", options.blockFrames, "frames per call of the library")->check(CLI::Range(1, 1 << 20));
   app.add_option_function<std::string>(
@@ -130,11 +150,13 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
     if (!std::cout.flush()) failToWrite("standard output", errno);
     return 0;
   } catch (const CLI::ParseError& error) {
-    failUsage("{}; see kesconvert --help", error.what());
+    failUsage("{}; see kesconvert --help", asTyped(error.what(), {argv + 1, argv + argc}));
   }
-  if (options.out == "/dev/stdout") options.out = "-";
-  options.wishes.addSilentChannels = upmix == "zero";
-  if (options.wishes.limit && options.sampleBytes.value_or(2) != 2)
+  if (options.files.empty()) failUsage("IN and OUT are required; see kesconvert --help");
+  if (options.files.size() == 1) failUsage("OUT is required, after {}; see kesconvert --help", options.files[0]);
+  if (options.files.back() == "/dev/stdout") options.files.back() = "-";
+  options.conversion.addSilentChannels = upmix == "zero";
+  if (options.conversion.limit && options.samples.value_or(KES_PCM_S16) != KES_PCM_S16)
     failUsage("--limit makes samples of 16 bits; leave --format out, or --limit");
   return std::nullopt;
 }
@@ -174,45 +196,34 @@ bool isRaw(const Options& options, const std::string& name) {
   return options.raw && (name == "-" || !containerOfName(name));
 }
 
-int outputContainer(const Options& options) {
-  if (isRaw(options, options.out)) return SF_FORMAT_RAW;
-  if (const auto container = containerOfName(options.out)) return *container;
-  const std::filesystem::path out = options.out;
+int outputContainer(const Options& options, const std::string& name) {
+  if (isRaw(options, name)) return SF_FORMAT_RAW;
+  if (const auto container = containerOfName(name)) return *container;
   std::error_code none;
-  const bool isStream = out == "-" || (exists(out, none) && !is_regular_file(out, none));
-  if (!isStream)
-    fail("cannot write {}: its extension names no container; use .wav, .flac, .aiff or .caf", options.out);
+  if (name != "-" && (!fs::exists(name, none) || fs::is_regular_file(name, none)))
+    fail("cannot write {}: its extension names no container; use .wav, .flac, .aiff or .caf", name);
   return SF_FORMAT_WAV;
 }
 
-void checkRaw(const Options& options) {
-  for (const std::string& name : {options.in, options.out})
+void checkRaw(const Options& options, const std::string& in, const std::string& out) {
+  for (const std::string& name : {in, out})
     if (!options.raw && (name.ends_with(".raw") || name.ends_with(".pcm")))
       failUsage("{} is raw PCM by its name; say what it holds with --raw, e.g. --raw 48000:2:s16", name);
-  if (options.raw && !isRaw(options, options.in) && !isRaw(options, options.out))
-    failUsage("neither {} nor {} is raw PCM; leave --raw out, or name one of them -", options.in, options.out);
+  if (options.raw && !isRaw(options, in) && !isRaw(options, out))
+    failUsage("neither {} nor {} is raw PCM; leave --raw out, or name one of them -", in, out);
 }
 
-// --raw also says what a raw output of another input will be; it cannot make it so.
-void checkRawOutput(const StreamFormat& raw, const StreamFormat& in, const StreamFormat& out) {
-  const bool channelsFit = raw.channels == out.channels || raw.channels == in.channels;
-  if (raw.rate != out.rate || raw.sampleBytes != out.sampleBytes || !channelsFit)
-    fail("--raw does not describe the output; give --raw {}:{}:s{}", out.rate, out.channels, out.sampleBytes * 8);
-}
-
-Form formOf(const StreamFormat& format) { return {format.rate, format.channels, integersOf(format.sampleBytes)}; }
-
-void run(const Options& options) {
-  checkRaw(options);
-  const bool rawIn = isRaw(options, options.in);
-  const int container = outputContainer(options);
+void convertFile(const Options& options, const std::string& inName, const std::string& outName) {
+  checkRaw(options, inName, outName);
+  const bool rawIn = isRaw(options, inName);
+  const int container = outputContainer(options, outName);
   const bool rawOut = container == SF_FORMAT_RAW;
 
-  const Descriptor input = openInput(options.in, !rawIn);
-  AudioSource source(input, options.in, rawIn ? options.raw : std::nullopt);
+  const Descriptor input = openInput(inName, !rawIn);
+  AudioSource source(input, inName, rawIn ? options.raw : std::nullopt);
   const StreamFormat& in = source.format;
   if (in.channels > kMaxChannels)
-    fail("{} has {} channels; kesconvert takes 1 to {}", options.in, in.channels, kMaxChannels);
+    fail("{} has {} channels; kesconvert takes 1 to {}", inName, in.channels, kMaxChannels);
   if (options.layout) {
     source.layout = *options.layout;
     source.layoutOrigin = "from --layout";
@@ -220,34 +231,42 @@ void run(const Options& options) {
   const unsigned placed = positions(source.layout);
   if (placed > in.channels)
     fail("--layout {} places {} channels, but {} has {}; use a smaller layout", describe(source.layout), placed,
-         options.in, in.channels);
-  StreamFormat out = in;
-  out.channels = options.channels.value_or(rawOut ? options.raw->channels : in.channels);
-  out.rate = options.rate.value_or(in.rate);
-  out.sampleBytes = options.wishes.limit ? 2 : options.sampleBytes.value_or(in.sampleBytes);
-  if (rawOut && !rawIn) checkRawOutput(*options.raw, in, out);
-  const Form from = formOf(in), to = formOf(out);
-  const Plan plan = makePlan(from, source.layout, to, options.wishes);
+         inName, in.channels);
+  StreamFormat out{options.rate.value_or(in.rate), options.channels.value_or(in.channels),
+                   options.conversion.limit ? PcmFormat{KES_PCM_S16} : options.samples.value_or(source.usualOutput)};
+  if (rawOut) {  // --raw also says what a raw output of another input will be; it does not make it so
+    const StreamFormat& raw = *options.raw;
+    if (!options.channels) out.channels = raw.channels;
+    const bool channelsFit = raw.channels == out.channels || raw.channels == in.channels;
+    if (!rawIn && (raw.rate != out.rate || raw.samples != out.samples || !channelsFit))
+      fail("--raw does not describe the output; give --raw {}:{}:s{}", out.rate, out.channels,
+           bytesOf(out.samples) * 8);
+  }
+  const Plan plan = makePlan(in, source.layout, out, options.conversion);
 
-  OutputFile output(options.out, !rawOut, input);
-  const auto outFrames = source.frames ? std::optional(framesAt(*source.frames, in.rate, out.rate)) : std::nullopt;
+  OutputFile output(outName, !rawOut, input);
+  const auto outFrames =
+      source.frames ? std::optional(rescaledFrameCount(*source.frames, in.rate, out.rate)) : std::nullopt;
   AudioSink sink(output, container, out, plan.layout, outFrames);
 
   const auto say = [&]<class... Args>(fmt::format_string<const Args&...> text, const Args&... args) {
-    printLine(options.out == "-" ? stderr : stdout, fmt::format(text, args...));
+    printLine(outName == "-" ? stderr : stdout, fmt::format(text, args...));
   };
-  say("input:  {}, {}, {} Hz, {} bits, {} ch, {}", options.in, source.container, in.rate, in.sampleBytes * 8,
-      in.channels, source.frames ? fmt::format("{} frames", *source.frames) : "length unknown");
+  say("input:  {}, {}, {} Hz, {}, {} ch, {}", inName, source.container, in.rate, source.encoding, in.channels,
+      source.frames ? fmt::format("{} frames", *source.frames) : "length unknown");
+  if (source.encoding != nameOf(in.samples))
+    say("input:  read as {} samples{}", nameOf(in.samples),
+        in.samples == KES_PCM_Q8_24 ? fmt::format(", with headroom; the output is {}", nameOf(out.samples)) : "");
   say("layout: {}, {}", describe(source.layout), source.layoutOrigin);
   if (placed > 0 && placed < in.channels) say("layout: channels from {} on have no position", placed + 1);
   for (const std::string& description : plan.descriptions) say("{}", description);
-  say("output: {}, {}, {} Hz, {} bits, {} ch, {}", options.out, sink.container, out.rate, out.sampleBytes * 8,
-      out.channels, describe(plan.layout));
-  if (sink.layoutTold != plan.layout)
-    say("output: the container cannot tell that layout; readers will take it for {}", describe(sink.layoutTold));
+  say("output: {}, {}, {} Hz, {}, {} ch, {}", outName, sink.container, out.rate, nameOf(out.samples), out.channels,
+      describe(plan.layout));
+  if (sink.storedLayout != plan.layout)
+    say("output: the container cannot store that layout; readers will take it for {}", describe(sink.storedLayout));
 
   Progress progress(source.frames);
-  const Report report = convert(source, plan.steps, to, sink, options.blockFrames,
+  const Report report = convert(source, plan.stages, out, sink, options.blockFrames,
                                 [&](std::uint64_t frames) { progress.show(frames); });
   sink.finish();
   output.commit();
@@ -256,35 +275,25 @@ void run(const Options& options) {
   const double audio = static_cast<double>(report.outFrames) / out.rate;
   const double time = progress.seconds();
   std::string loss = "nothing clipped";
-  if (plan.limited)
-    loss = decibelsOver16Bits(*plan.limited) > 0
-               ? fmt::format("peaks up to {:.2f} dB over full scale limited", decibelsOver16Bits(*plan.limited))
+  if (plan.limiterPeak)
+    loss = decibelsOver16Bits(*plan.limiterPeak) > 0
+               ? fmt::format("peaks up to {:.2f} dB over full scale limited", decibelsOver16Bits(*plan.limiterPeak))
                : "nothing to limit";
   else if (report.clippedSamples > 0)
-    loss = fmt::format("{} samples clipped or at full scale{}", report.clippedSamples,
-                       out.channels <= 2 ? "; --limit turns such peaks down" : "");
+    loss = fmt::format("{} samples clipped or at full scale; --limit{} turns such peaks down", report.clippedSamples,
+                       out.channels <= 2 ? "" : " with --channels 2");
   say("done:   {} frames, {} to {} ch, {:.3f} s of audio in {:.3f} s ({:.0f} x real time), peak {:.2f} dBFS in, "
       "{:.2f} dBFS out, {}",
-      report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(),
-      report.out.decibels(), loss);
+      report.outFrames, in.channels, out.channels, audio, time, audio / time, report.in.decibels(in.samples),
+      report.out.decibels(out.samples), loss);
 }
 
-}  // namespace
-}  // namespace kesconvert
-
-int main(int argc, char** argv) {
-  using namespace kesconvert;
-  // A file must not be opened in the place of a closed standard stream, or messages would go into it.
-  for (int fd = 0; fd >= 0 && fd <= STDERR_FILENO;) fd = open("/dev/null", O_RDONLY);
-  // Writing fails instead, and the failure cleans up.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+// Calls work; if it fails, says why in one line, after the name of the file where the reason lacks it.
+int reportFailure(const std::string& file, const std::function<void()>& work) {
   std::string message;
   int code = kExitFailure;
   try {
-    Options options;
-    if (const auto done = parseArguments(argc, argv, options)) return *done;
-    run(options);
+    work();
     return 0;
   } catch (const Failure& failure) {
     message = failure.what();
@@ -294,6 +303,56 @@ int main(int argc, char** argv) {
   } catch (const std::exception& error) {
     message = error.what();
   }
-  if (!message.empty()) printLine(stderr, "kesconvert: " + message);
+  if (message.empty()) return code;
+  if (message.find(file) == std::string::npos) message = file + ": " + message;
+  printLine(stderr, "kesconvert: " + message);
   return code;
+}
+
+// Converts each input into the folder, under its name, as WAV where we do not write its container.
+int convertToFolder(const Options& options, const std::string& folder) {
+  std::set<fs::path> written;
+  int code = 0;
+  for (auto in = options.files.begin(); in != std::prev(options.files.end()); ++in) {
+    const int failed = reportFailure(*in, [&] {
+      if (*in == "-") fail("- has no name for a file in {}; give one", folder);
+      fs::path out = folder / fs::path(*in).filename();
+      if (!containerOfName(out)) out.replace_extension(".wav");
+      if (!written.insert(out).second) fail("{} has been written from another input; rename {}", out.string(), *in);
+      convertFile(options, *in, out);
+    });
+    if (code == 0) code = failed;
+  }
+  return code;
+}
+
+int run(int argc, char** argv) {
+  Options options;
+  int code = 0;
+  bool isDone = false;
+  code = reportFailure("", [&] {
+    const auto done = parseArguments(argc, argv, options);
+    isDone = done.has_value();
+  });
+  if (code != 0 || isDone) return code;
+  const std::string& out = options.files.back();
+  std::error_code none;
+  if (fs::is_directory(out, none)) return convertToFolder(options, out);
+  return reportFailure("", [&] {
+    if (options.files.size() > 2)
+      failUsage("{} is no folder, for {} inputs; make it first", out, options.files.size() - 1);
+    convertFile(options, options.files[0], out);
+  });
+}
+
+}  // namespace
+}  // namespace kesconvert
+
+int main(int argc, char** argv) {
+  // A file must not be opened in the place of a closed standard stream, or messages would go into it.
+  for (int fd = 0; fd >= 0 && fd <= STDERR_FILENO;) fd = open("/dev/null", O_RDONLY);
+  // Writing fails instead, and the failure cleans up.
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  return kesconvert::run(argc, argv);
 }

@@ -11,27 +11,17 @@
 namespace kesconvert {
 namespace {
 
-// Bit by bit.
+// By bit of the mask.
 constexpr const char* kPositionNames[] = {"FL", "FR", "FC", "LFE", "BL",  "BR",  "FLC", "FRC", "BC",
                                           "SL", "SR", "TC", "TFL", "TFC", "TFR", "TBL", "TBC", "TBR"};
-constexpr int kMapIds[] = {SF_CHANNEL_MAP_LEFT,
-                           SF_CHANNEL_MAP_RIGHT,
-                           SF_CHANNEL_MAP_CENTER,
-                           SF_CHANNEL_MAP_LFE,
-                           SF_CHANNEL_MAP_REAR_LEFT,
-                           SF_CHANNEL_MAP_REAR_RIGHT,
-                           SF_CHANNEL_MAP_FRONT_LEFT_OF_CENTER,
-                           SF_CHANNEL_MAP_FRONT_RIGHT_OF_CENTER,
-                           SF_CHANNEL_MAP_REAR_CENTER,
-                           SF_CHANNEL_MAP_SIDE_LEFT,
-                           SF_CHANNEL_MAP_SIDE_RIGHT,
-                           SF_CHANNEL_MAP_TOP_CENTER,
-                           SF_CHANNEL_MAP_TOP_FRONT_LEFT,
-                           SF_CHANNEL_MAP_TOP_FRONT_CENTER,
-                           SF_CHANNEL_MAP_TOP_FRONT_RIGHT,
-                           SF_CHANNEL_MAP_TOP_REAR_LEFT,
-                           SF_CHANNEL_MAP_TOP_REAR_CENTER,
-                           SF_CHANNEL_MAP_TOP_REAR_RIGHT};
+// clang-format off
+constexpr int kMapIds[] = {
+    SF_CHANNEL_MAP_LEFT, SF_CHANNEL_MAP_RIGHT, SF_CHANNEL_MAP_CENTER, SF_CHANNEL_MAP_LFE, SF_CHANNEL_MAP_REAR_LEFT,
+    SF_CHANNEL_MAP_REAR_RIGHT, SF_CHANNEL_MAP_FRONT_LEFT_OF_CENTER, SF_CHANNEL_MAP_FRONT_RIGHT_OF_CENTER,
+    SF_CHANNEL_MAP_REAR_CENTER, SF_CHANNEL_MAP_SIDE_LEFT, SF_CHANNEL_MAP_SIDE_RIGHT, SF_CHANNEL_MAP_TOP_CENTER,
+    SF_CHANNEL_MAP_TOP_FRONT_LEFT, SF_CHANNEL_MAP_TOP_FRONT_CENTER, SF_CHANNEL_MAP_TOP_FRONT_RIGHT,
+    SF_CHANNEL_MAP_TOP_REAR_LEFT, SF_CHANNEL_MAP_TOP_REAR_CENTER, SF_CHANNEL_MAP_TOP_REAR_RIGHT};
+// clang-format on
 constexpr unsigned kPositions = std::size(kMapIds);
 
 constexpr ChannelMask kMono = 0x4;
@@ -46,7 +36,7 @@ constexpr NamedLayout kLayouts[] = {
     {"5.0", 0x37},       {"5.0-side", 0x607}, {"5.1", 0x3F},        {"5.1-side", kLayout5Point1Side},
     {"6.1", 0x13F},      {"6.1-side", 0x70F}, {"7.1", 0x63F},       {"none", KES_LAYOUT_NONE}};
 
-// What a table holds for each position of the layout, in channel order.
+// A table's entries for the positions of a layout, in channel order.
 template <class Entry>
 std::vector<Entry> select(ChannelMask layout, const Entry (&table)[kPositions]) {
   std::vector<Entry> entries;
@@ -94,6 +84,17 @@ ChannelMask standardLayout(unsigned channels) {
 }
 
 ChannelMask flacLayout(unsigned channels) { return channels == 7 ? 0x70F : standardLayout(channels); }
+
+std::vector<unsigned> vorbisOrder(unsigned channels) {
+  switch (channels) {
+    case 3: return {0, 2, 1};
+    case 5: return {0, 2, 1, 3, 4};
+    case 6: return {0, 2, 1, 5, 3, 4};
+    case 7: return {0, 2, 1, 6, 5, 3, 4};
+    case 8: return {0, 2, 1, 7, 5, 6, 3, 4};
+    default: return {};
+  }
+}
 
 ChannelMask layoutOfChannelMap(const std::vector<int>& map) {
   if (map == std::vector<int>{SF_CHANNEL_MAP_MONO}) return kMono;

@@ -30,11 +30,12 @@ unsigned positions(ChannelMask layout);
 // The layout of a frame's first channels.
 ChannelMask firstPositions(ChannelMask layout, unsigned channels);
 
-// What so many channels are taken for: mono, stereo, 3.0, quad, 5.0, 5.1, 6.1, 7.1.
+// The usual layout of a channel count: mono, stereo, 3.0, quad, 5.0, 5.1, 6.1, 7.1.
 ChannelMask standardLayout(unsigned channels);
 
-// The order that the FLAC format lays down.
+// FLAC's order of channels, and where a Vorbis or Opus frame has each of them (empty: in the same order).
 ChannelMask flacLayout(unsigned channels);
+std::vector<unsigned> vorbisOrder(unsigned channels);
 
 // A map whose positions are not in mask order, or come twice, is an unknown layout.
 ChannelMask layoutOfChannelMap(const std::vector<int>& map);

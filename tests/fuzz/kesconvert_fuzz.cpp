@@ -19,42 +19,42 @@
 namespace kesconvert {
 namespace {
 
-constexpr std::uint64_t kMostFrames = 50000;  // a few bytes of FLAC can be hours
+constexpr std::uint64_t kMaxFrames = 50000;  // a few bytes of FLAC can be hours
 
 void expect(bool holds) {
   if (!holds) std::abort();
 }
 
-Form formOf(const StreamFormat& format) { return {format.rate, format.channels, integersOf(format.sampleBytes)}; }
-
 void convertFile(const Descriptor& input, Random choose) {
   std::optional<StreamFormat> raw;
-  if (choose.oneIn(8)) raw = {8000 + choose.between(0, 1) * 40000, choose.below(8) + 1, choose.below(3) + 2};
+  const auto chooseSamples = [&] { return choose.from<PcmFormat>({KES_PCM_S16, KES_PCM_S24_PACKED, KES_PCM_S32}); };
+  if (choose.oneIn(8)) raw = {8000 + choose.between(0, 1) * 40000, choose.below(8) + 1, chooseSamples()};
   AudioSource source(input, "in", raw);
   const StreamFormat& in = source.format;
-  expect(in.rate > 0 && in.channels > 0 && in.sampleBytes >= 2 && in.sampleBytes <= 4);
+  expect(in.rate > 0 && in.channels > 0);
   if (in.channels > 8) fail("too many channels");
 
   constexpr int kContainers[] = {SF_FORMAT_WAV, SF_FORMAT_RAW,  SF_FORMAT_RF64, SF_FORMAT_W64,
                                  SF_FORMAT_CAF, SF_FORMAT_AIFF, SF_FORMAT_FLAC, SF_FORMAT_AU};
-  StreamFormat out = in;
-  Wishes wishes;
+  StreamFormat out{in.rate, in.channels, source.usualOutput};
+  ConversionOptions options;
   if (choose.oneIn(2)) out.channels = choose.below(8) + 1;
   if (choose.oneIn(3)) out.rate = choose.from({8000, 44100, 48000});
-  if (choose.oneIn(2)) out.sampleBytes = choose.below(3) + 2;
-  wishes.limit = choose.oneIn(4);
-  wishes.multichannel = choose.oneIn(2);
-  wishes.addSilentChannels = choose.oneIn(2);
+  if (choose.oneIn(2)) out.samples = chooseSamples();
+  options.limit = choose.oneIn(4);
+  options.multichannel = choose.oneIn(2);
+  options.addSilentChannels = choose.oneIn(2);
   const int container = choose.from(kContainers);
   const std::size_t blockFrames = choose.oneIn(2) ? 4096 : choose.below(64) + 1;
-  if (wishes.limit) out.sampleBytes = 2;
+  if (options.limit) out.samples = KES_PCM_S16;
 
-  const Plan plan = makePlan(formOf(in), source.layout, formOf(out), wishes);
+  const Plan plan = makePlan(in, source.layout, out, options);
   const OutputFile output("/dev/null", true, input);  // written through a file without a name, and never committed
-  const auto outFrames = source.frames ? std::optional(framesAt(*source.frames, in.rate, out.rate)) : std::nullopt;
+  const auto outFrames =
+      source.frames ? std::optional(rescaledFrameCount(*source.frames, in.rate, out.rate)) : std::nullopt;
   AudioSink sink(output, container, out, plan.layout, outFrames);
-  const Report report = convert(source, plan.steps, formOf(out), sink, blockFrames, [](std::uint64_t frames) {
-    if (frames > kMostFrames) fail("too long");
+  const Report report = convert(source, plan.stages, out, sink, blockFrames, [](std::uint64_t frames) {
+    if (frames > kMaxFrames) fail("too long");
   });
   sink.finish();
 
@@ -62,7 +62,7 @@ void convertFile(const Descriptor& input, Random choose) {
   const Descriptor made(dup(output.fd()));
   AudioSource again(made, "out", container == SF_FORMAT_RAW ? std::optional(out) : std::nullopt);
   expect(again.format.rate == out.rate && again.format.channels == out.channels &&
-         again.format.sampleBytes == out.sampleBytes);
+         again.format.samples == out.samples);
   std::uint64_t frames = 0;
   std::vector<std::int32_t> block(4096 * out.channels);
   while (const std::size_t got = again.read(block.data(), 4096)) frames += got;

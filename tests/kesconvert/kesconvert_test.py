@@ -101,7 +101,9 @@ class Kesconvert(unittest.TestCase):
                 done, says = self.run_shell(command)
                 self.assertEqual(done, int(code), says)
                 self.assertRegex(says, message if code == "0" else rf"\Akesconvert: .*{message}.*\n\Z")
-                self.assertTrue(self.files() == before, "files have changed")
+                after = self.files()
+                changed, before = after != before, after
+                self.assertFalse(changed, "files have changed")
 
 
 if __name__ == "__main__":
