@@ -32,25 +32,15 @@ struct Kind {
   const char* name;
   enum { kUnreadable, kReadable, kPromising } use;  // promising: the header has a size of 32 or 64 bits
 };
-constexpr Kind kKinds[] = {{8, "WAVE", "WAV", Kind::kPromising},
-                           {8, "AIF", "AIFF", Kind::kPromising},
-                           {0, "caff", "CAF", Kind::kPromising},
-                           {0, ".snd", "AU", Kind::kPromising},
-                           {0, "dns.", "AU", Kind::kPromising},
-                           {0, "riff", "W64", Kind::kReadable},
-                           {0, "fLaC", "FLAC", Kind::kReadable},
-                           {0, "OggS", "Ogg", Kind::kReadable},
-                           {0, "ID3", "MP3", Kind::kReadable},
-                           {4, "ftyp", "MP4 or M4A", Kind::kUnreadable},
-                           {0, "\x1A\x45\xDF\xA3", "Matroska or WebM", Kind::kUnreadable},
-                           {0, "\x30\x26\xB2\x75", "WMA", Kind::kUnreadable},
-                           {0, "wvpk", "WavPack", Kind::kUnreadable},
-                           {0, "MAC ", "Monkey's Audio", Kind::kUnreadable},
-                           {0, "DSD ", "DSF", Kind::kUnreadable},
-                           {0, "FRM8", "DSDIFF", Kind::kUnreadable},
-                           {8, "AVI ", "AVI", Kind::kUnreadable},
-                           {0, "\xFF\xF1", "AAC", Kind::kUnreadable},
-                           {0, "\xFF\xF9", "AAC", Kind::kUnreadable}};
+// clang-format off
+constexpr Kind kKinds[] = {
+    {8, "WAVE", "WAV", Kind::kPromising}, {8, "AIF", "AIFF", Kind::kPromising}, {0, "caff", "CAF", Kind::kPromising},
+    {0, ".snd", "AU", Kind::kPromising},  {0, "dns.", "AU", Kind::kPromising},  {0, "riff", "W64", Kind::kReadable},
+    {0, "fLaC", "FLAC", Kind::kReadable}, {0, "OggS", "Ogg", Kind::kReadable},  {0, "ID3", "MP3", Kind::kReadable},
+    {4, "ftyp", "MP4 or M4A", Kind::kUnreadable}, {0, "\x1A\x45\xDF\xA3", "Matroska or WebM", Kind::kUnreadable},
+    {0, "\x30\x26\xB2\x75", "WMA", Kind::kUnreadable}, {0, "wvpk", "WavPack", Kind::kUnreadable},
+    {0, "\xFF\xF1", "AAC", Kind::kUnreadable}, {0, "\xFF\xF9", "AAC", Kind::kUnreadable}};
+// clang-format on
 
 // nullptr for none of them.
 const Kind* kindOf(int fd) {
@@ -75,30 +65,29 @@ sf_count_t promisedLength(int fd) {
   return name == "riff" ? static_cast<sf_count_t>(header.more[1]) : 0;
 }
 
-// PCM by libsndfile's subtypes. All others are decoded to 16 bits, or to floating point.
-constexpr struct Encoding {
+// libsndfile's encodings that are not decoded to 16 bits.
+struct Encoding {
   int subtype;
   PcmFormat samples;
-  unsigned bytes;  // of a sample in the file
-} kEncodings[] = {{SF_FORMAT_PCM_16, KES_PCM_S16, 2},
-                  {SF_FORMAT_PCM_24, KES_PCM_S24_PACKED, 3},
-                  {SF_FORMAT_PCM_32, KES_PCM_S32, 4},
-                  {SF_FORMAT_PCM_S8, KES_PCM_S16, 1},
-                  {SF_FORMAT_PCM_U8, KES_PCM_S16, 1},
-                  {SF_FORMAT_ULAW, KES_PCM_S16, 1},
-                  {SF_FORMAT_ALAW, KES_PCM_S16, 1},
-                  {SF_FORMAT_ALAC_20, KES_PCM_S24_PACKED, 0},
-                  {SF_FORMAT_ALAC_24, KES_PCM_S24_PACKED, 0},
-                  {SF_FORMAT_ALAC_32, KES_PCM_S32, 0},
-                  {SF_FORMAT_DWVW_24, KES_PCM_S24_PACKED, 0},
-                  {SF_FORMAT_FLOAT, KES_PCM_Q8_24, 4},
-                  {SF_FORMAT_DOUBLE, KES_PCM_Q8_24, 8},
-                  {SF_FORMAT_VORBIS, KES_PCM_Q8_24, 0},
-                  {SF_FORMAT_OPUS, KES_PCM_Q8_24, 0},
-                  {SF_FORMAT_MPEG_LAYER_I, KES_PCM_Q8_24, 0},
-                  {SF_FORMAT_MPEG_LAYER_II, KES_PCM_Q8_24, 0},
-                  {SF_FORMAT_MPEG_LAYER_III, KES_PCM_Q8_24, 0}};
-constexpr auto kPlainPcm = 3;  // the first of them
+  unsigned bytes;  // of a sample in the file; 0 if compressed
+};
+// clang-format off
+constexpr Encoding kEncodings[] = {
+    {SF_FORMAT_PCM_16, KES_PCM_S16, 2}, {SF_FORMAT_PCM_24, KES_PCM_S24_PACKED, 3}, {SF_FORMAT_PCM_32, KES_PCM_S32, 4},
+    {SF_FORMAT_PCM_S8, KES_PCM_S16, 1}, {SF_FORMAT_PCM_U8, KES_PCM_S16, 1},
+    {SF_FORMAT_ULAW, KES_PCM_S16, 1}, {SF_FORMAT_ALAW, KES_PCM_S16, 1},
+    {SF_FORMAT_ALAC_20, KES_PCM_S24_PACKED, 0}, {SF_FORMAT_ALAC_24, KES_PCM_S24_PACKED, 0},
+    {SF_FORMAT_ALAC_32, KES_PCM_S32, 0}, {SF_FORMAT_DWVW_24, KES_PCM_S24_PACKED, 0},
+    {SF_FORMAT_FLOAT, KES_PCM_Q8_24, 4}, {SF_FORMAT_DOUBLE, KES_PCM_Q8_24, 8},
+    {SF_FORMAT_VORBIS, KES_PCM_Q8_24, 0}, {SF_FORMAT_OPUS, KES_PCM_Q8_24, 0},
+    {SF_FORMAT_MPEG_LAYER_I, KES_PCM_Q8_24, 0}, {SF_FORMAT_MPEG_LAYER_II, KES_PCM_Q8_24, 0},
+    {SF_FORMAT_MPEG_LAYER_III, KES_PCM_Q8_24, 0}};
+// clang-format on
+
+Encoding encodingOf(int format) {
+  const auto found = std::ranges::find(kEncodings, format & SF_FORMAT_SUBMASK, &Encoding::subtype);
+  return found != std::end(kEncodings) ? *found : Encoding{format & SF_FORMAT_SUBMASK, KES_PCM_S16, 0};
+}
 
 bool isOneOf(int format, std::initializer_list<int> formats) {
   return std::ranges::find(formats, format) != formats.end();
@@ -148,7 +137,7 @@ void fillSize(VirtualFile& file, std::span<unsigned char> read) {
     if (!isChunk) std::ranges::fill(read, static_cast<unsigned char>(0xFF));
   }
   if (isData && read.size() == 8 && isAll(0xFF)) read[0] = 0, read[1] = 2;
-  if (read.size() == 4) std::ranges::copy(read, file.lastWord);
+  if (read.size() == 4) std::memcpy(file.lastWord, read.data(), 4);
 }
 
 sf_count_t readVirtual(void* target, sf_count_t count, void* user) {
@@ -239,6 +228,10 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
+  if (isSound && isPromising && encodingOf(info.format).bytes == 0) {  // decoders may go on without end
+    file_.length = status.st_size;
+    open(info = {});
+  }
   if (raw) {
     if (isNamedFile && (kind != nullptr || (isSound && (info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_MPEG)))
       fail("{} is no raw PCM but {}; leave --raw out", name, kind != nullptr ? kind->name : "MP3");
@@ -274,12 +267,11 @@ bool AudioSource::open(SF_INFO& info) {
 }
 
 void AudioSource::setFormat(const SF_INFO& info) {
-  const int subtype = info.format & SF_FORMAT_SUBMASK;
-  const auto found = std::ranges::find(kEncodings, subtype, &Encoding::subtype);
-  const Encoding known = found != std::end(kEncodings) ? *found : Encoding{subtype, KES_PCM_S16, 0};
+  const Encoding known = encodingOf(info.format);
   format = {info.samplerate, static_cast<unsigned>(info.channels), known.samples};
   container = nameOfFormat(info.format & SF_FORMAT_TYPEMASK);
-  encoding = found < kEncodings + kPlainPcm ? nameOf(known.samples) : nameOfFormat(subtype);
+  const bool isPlain = known.bytes == bytesOf(known.samples) && known.samples != KES_PCM_Q8_24;
+  encoding = isPlain ? nameOf(known.samples) : nameOfFormat(known.subtype);
   usualOutput = known.samples;
   if (known.samples == KES_PCM_Q8_24) usualOutput = known.bytes == 0 ? KES_PCM_S16 : KES_PCM_S24_PACKED;
   const auto promised = static_cast<std::uint64_t>(info.frames);

@@ -104,6 +104,12 @@ std::string asTyped(std::string message, const std::vector<std::string>& argumen
   return message;
 }
 
+struct Usage : CLI::Formatter {
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: kesconvert [OPTIONS] IN... OUT\n";
+  }
+};
+
 // Returns the exit code if there is nothing more to do.
 std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   CLI::App app("Changes the channels, the sampling rate and the sample format of audio files.", "kesconvert");
@@ -111,11 +117,12 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   app.set_version_flag("--version", fmt::format("kesconvert {}.{}.{}", KESAUDIO_VERSION_MAJOR, KESAUDIO_VERSION_MINOR,
                                                 KESAUDIO_VERSION_PATCH));
   app.option_defaults()->always_capture_default();
-  app.add_option("IN... OUT", options.files,
-                 "files that libsndfile reads: WAV, RF64, W64, AIFF, CAF, AU, FLAC, Ogg, Opus, MP3 and others; then "
-                 "the output, its container by its extension, or a folder. - is standard input, or standard output "
-                 "as WAV")
-      ->option_text(" ");
+  app.formatter(std::make_shared<Usage>());
+  app.add_option(
+      "IN... OUT", options.files,
+      "files that libsndfile reads (WAV, RF64, W64, AIFF, CAF, AU, FLAC, Ogg, Opus, MP3 and others), then the "
+      "output: a file, its container by its extension, or a folder; - is standard input, or standard "
+      "output as WAV");
   app.add_option("-c,--channels", options.channels, "channels of the output, as many as the input's if not given")
       ->check(CLI::Range(1u, kMaxChannels));
   CLI::Option* const rate =
@@ -152,8 +159,8 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   } catch (const CLI::ParseError& error) {
     failUsage("{}; see kesconvert --help", asTyped(error.what(), {argv + 1, argv + argc}));
   }
-  if (options.files.empty()) failUsage("IN and OUT are required; see kesconvert --help");
-  if (options.files.size() == 1) failUsage("OUT is required, after {}; see kesconvert --help", options.files[0]);
+  if (options.files.size() < 2)
+    failUsage("{} is required; see kesconvert --help", options.files.empty() ? "IN" : "OUT");
   if (options.files.back() == "/dev/stdout") options.files.back() = "-";
   options.conversion.addSilentChannels = upmix == "zero";
   if (options.conversion.limit && options.samples.value_or(KES_PCM_S16) != KES_PCM_S16)

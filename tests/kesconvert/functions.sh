@@ -8,3 +8,24 @@ told() { tr '\n' '|' <says | grep -E "$1"; }
 
 # The code of a WAV's format and, of an extensible one, its mask.
 header() { od -An -tx1 -j20 -N2 $1 | tr -d '\n'; od -An -tx2 -j40 -N2 $1; }
+
+# f.wav written as a container with so many bits: sox, which does not know RF64, ffmpeg and kesconvert find the samples.
+written() {
+  $K f.wav w.$1 --format s$2 && $K w.$1 back.wav --format s16 && cmp back.wav f.wav || exit 1
+  ffmpeg -v error -y -i w.$1 -f s16le back.bin && cmp back.bin f.bin || exit 1
+  [ $1 = rf64 ] || { sox -D w.$1 -t raw -e signed -b 16 -L back.bin && cmp back.bin f.bin; } || exit 1
+}
+
+# f.wav as ffmpeg encodes it for a container: kesconvert decodes what ffmpeg does.
+read_exactly() {
+  ffmpeg -v error -y -i f.wav -c:a $2 in.$1 && ffmpeg -v error -y -i in.$1 -f s16le r.bin &&
+  $K in.$1 - --raw 48000:2:s16 --format s16 | cmp - r.bin
+}
+
+# f.wav as ffmpeg encodes it: what is decoded differs little from what sox or ffmpeg decode, and a few samples clip.
+read_closely() {
+  ffmpeg -v error -y -i f.wav -c:a $2 in.$1 && $K in.$1 o.wav >says && told 'read as 8.24.*[0-9] samples clipped.*--limit' &&
+  $K in.$1 limited.wav --limit >says && told 'dB over full scale limited' || exit 1
+  if [ $1 = ogg ]; then sox in.$1 r.wav; else ffmpeg -v error -y -i in.$1 r.wav; fi &&
+  sox -m -v 1 o.wav -v -1 r.wav -n stat 2>&1 | awk '/^M.*imum amplitude/ && ($3 > 0.01 || $3 < -0.01) { exit 1 }'
+}

@@ -54,6 +54,18 @@ class Kesconvert(unittest.TestCase):
         self.succeed("inputs.txt")
         self.succeed("works.txt")
 
+    def test_formats(self):
+        """Every row of the README's table of file formats."""
+        self.succeed("inputs.txt")
+        table = (CASES.parent.parent / "README.md").read_text().split("| file | read as |")[1].split("\n\n")[0]
+        rows = re.findall(r"^\| ([^|]*) \|", table, flags=re.M)
+        cases = dict(case.split(" => ", 1) for case in cases_of("formats.txt", "\n\n+"))
+        self.assertEqual(rows, list(cases))
+        for row, command in cases.items():
+            with self.subTest(row):
+                code, says = self.run_shell(f"{{ {command}\n}} >&2")
+                self.assertEqual(code, 0, says)
+
     def test_resamples_in_time(self):
         """Length, place in time and level are exact, for each kind of samples and each variant of the resampler."""
         for in_rate, out_rate, sample_bytes, channels, frames, impulse, options, variant in (
