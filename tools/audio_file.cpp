@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "audio_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -163,10 +164,21 @@ sf_count_t writeVirtual(const void* source, sf_count_t count, void* user) {
   return put;
 }
 
+// Keeps what libmpg123 has to say about damaged files off standard error.
+struct QuietStandardError {
+  QuietStandardError() {
+    const Descriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    dup2(null.get(), STDERR_FILENO);
+  }
+  ~QuietStandardError() { dup2(saved.get(), STDERR_FILENO); }
+  const Descriptor saved{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
+};
+
 SNDFILE* openSound(VirtualFile& file, int mode, SF_INFO& info) {
   SF_VIRTUAL_IO io{[](void* user) { return fileOf(user).length; }, seekVirtual, readVirtual, writeVirtual,
                    [](void* user) { return fileOf(user).position; }};
   file.position = 0;
+  const QuietStandardError quiet;
   return sf_open_virtual(&io, mode, &info, &file);
 }
 
@@ -228,7 +240,8 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
-  if (isSound && isPromising && encodingOf(info.format).bytes == 0) {  // decoders may go on without end
+  const bool isCompressed = isSound && encodingOf(info.format).bytes == 0;
+  if (isCompressed && isPromising) {  // a decoder may go on without end
     file_.length = status.st_size;
     open(info = {});
   }
@@ -242,19 +255,21 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   }
   if (file_.error != 0) failToRead(name, file_.error);
   if (!raw && status.st_size == 0) fail("cannot read {}: it is empty; {}", name, kAdvice);
-  if (!sound_) {
-    std::string what = "its kind is unknown";
-    if (kind != nullptr) what = fmt::format("it is {}", kind->name);
-    if (kind != nullptr && kind->use != Kind::kUnreadable)
-      what += fmt::format(", but damaged or unusual ({})", reasonOf(nullptr));
-    fail("cannot read {}: {}; decode it first: ffmpeg -i {} decoded.wav{}", name,
-         status.st_size == 0 ? "it is empty" : what, name,
-         kind == nullptr ? ", or say with --raw which PCM it holds" : "");
-  }
-  if (!raw && info.frames == 0) {
+  if (!sound_ && kind == nullptr)
+    fail(
+        "cannot read {}: its kind is unknown; decode it first: ffmpeg -i {} decoded.wav, or say with --raw which PCM "
+        "it holds",
+        name, name);
+  if (!sound_)
+    fail("cannot read {}: it is {}{}; decode it first: ffmpeg -i {} decoded.wav", name, kind->name,
+         kind->use == Kind::kUnreadable ? "" : fmt::format(", but damaged or unusual ({})", reasonOf(nullptr)), name);
+  if (!raw) {
+    // Where libsndfile makes do with what is there: no frames, part of a compressed recording, an Ogg without an end.
+    const bool isShort = status.st_size + 1 < promised && !isPlaceholder(static_cast<std::uint64_t>(promised), 1);
+    const bool isEndless = info.frames > kEndless && (info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_OGG;
+    if (isEndless || (isShort && (info.frames == 0 || isCompressed))) fail("{} is cut short; {}", name, kAdvice);
     constexpr off_t kMaxHeader = 4096;
-    if (status.st_size < promised) fail("{} is cut short; {}", name, kAdvice);
-    if (status.st_size > kMaxHeader)
+    if (info.frames == 0 && status.st_size > kMaxHeader)
       fail("{} says that it holds no audio, but has {} bytes; repair its header: ffmpeg -i {} repaired.wav", name,
            status.st_size, name);
   }
@@ -303,6 +318,7 @@ std::size_t AudioSource::read(std::int32_t* samples, std::size_t wanted) {
   sf_count_t read = 0;
   if (format.samples == KES_PCM_Q8_24) {
     doubles_.resize(wanted * format.channels);
+    const QuietStandardError quiet;
     read = sf_readf_double(sound_.get(), doubles_.data(), count);
     for (std::size_t i = 0; i < static_cast<std::size_t>(read) * format.channels; ++i) {
       const std::size_t source = order_.empty() ? i : i - i % format.channels + order_[i % format.channels];

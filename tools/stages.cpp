@@ -85,6 +85,7 @@ ProcessCall bitConverter(const StreamFormat& in, ConvertType type) {
 
 // The frames by which an impulse leaves the limiter later than it went in.
 unsigned limiterDelay(const StreamFormat& in) {
+  if (in.rate > kMaxRate) fail("--limit takes up to {} Hz, not {}; add --rate 48000", kMaxRate, in.rate);
   std::vector<std::int32_t> second(in.channels * static_cast<unsigned>(in.rate));
   std::vector<std::int16_t> out(second.size());
   std::ranges::fill_n(second.begin(), in.channels, 1 << 22);  // a quarter of full scale
