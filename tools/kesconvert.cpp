@@ -17,6 +17,7 @@
 #include <map>
 #include <regex>
 #include <set>
+#include <span>
 
 #include "audio_file.h"
 #include "conversion.h"
@@ -36,8 +37,6 @@ constexpr const char* kExamples = R"(Examples:
       A 5.1 recording to stereo; the layout is taken from the file.
   kesconvert take.wav stereo.wav --channels 2 --layout 4.0
       The four channels have no layout in the file, and are not quad.
-  kesconvert film.wav cd.wav --channels 2 --rate 44100
-      Mixed first, then resampled: two channels instead of six.
   kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
       To 16 bits, with peaks that the mix makes too high turned down, not cut off.
   kesconvert stereo.wav surround.wav --channels 6 --upmix zero
@@ -61,6 +60,11 @@ struct Options {
   std::size_t blockFrames = 4096;
   std::optional<StreamFormat> raw;
 };
+
+bool isFolder(const std::string& name) {
+  std::error_code none;
+  return fs::is_directory(name, none);
+}
 
 // Prints one line, whatever control characters the names in it have.
 void printLine(std::FILE* stream, std::string text) {
@@ -87,11 +91,6 @@ std::string parseRate(const std::string& text) {
   std::string fraction = parts[2];
   fraction.resize(3, '0');
   return std::to_string(std::stoi(parts[1]) * 1000 + std::stoi(fraction));
-}
-
-ChannelMask parseLayoutOption(const std::string& text) {
-  if (const auto layout = parseLayout(text)) return *layout;
-  failUsage("--layout {} is unknown; use a mask like 0x3F or one of {}", text, layoutNames());
 }
 
 // CLI11 gives an option its long name, whatever was typed.
@@ -134,7 +133,7 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
                "resample stereo too by the multichannel resampler, as any other number of channels")
       ->needs(rate);
   app.add_option_function<std::string>(
-      "--layout", [&](const std::string& text) { options.layout = parseLayoutOption(text); },
+      "--layout", [&](const std::string& text) { options.layout = parseLayout(text); },
       "layout of the input: a mask like 0x3F or one of " + layoutNames());
   app.add_option_function<std::string>(
          "--format", [&](const std::string& text) { options.samples = kSampleNames.at(text); },
@@ -161,6 +160,8 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   }
   if (options.files.size() < 2)
     failUsage("{} is required; see kesconvert --help", options.files.empty() ? "IN" : "OUT");
+  if (options.files.size() > 2 && !isFolder(options.files.back()))
+    failUsage("{} is no folder, for {} inputs; make it first", options.files.back(), options.files.size() - 1);
   if (options.files.back() == "/dev/stdout") options.files.back() = "-";
   options.conversion.addSilentChannels = upmix == "zero";
   if (options.conversion.limit && options.samples.value_or(KES_PCM_S16) != KES_PCM_S16)
@@ -168,23 +169,21 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   return std::nullopt;
 }
 
-// Shows how far the work is, on a terminal, once it has lasted a second.
+// Shows the progress on a terminal, once the work has lasted a second.
 class Progress {
  public:
-  explicit Progress(const std::optional<std::uint64_t>& allFrames) : allFrames_(allFrames) {}
   ~Progress() { clear(); }
   double seconds() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
 
-  void show(std::uint64_t frames) {
-    if (!onTerminal_ || seconds() < next_) return;
+  void show(std::uint64_t frames, const std::optional<std::uint64_t>& allFrames) {
+    if (!isTerminal_ || seconds() < next_) return;
     next_ = seconds() + 0.1;
-    std::string text = fmt::format("{} frames", frames);
-    if (allFrames_) {
-      constexpr std::uint64_t kWidth = 50;
-      const std::uint64_t all = std::max(*allFrames_, frames);  // a raw file may still grow
-      text = fmt::format("[{:<{}}] {} %", std::string(frames * kWidth / all, '#'), kWidth, frames * 100 / all);
-    }
-    std::fputs(("\r" + text).c_str(), stderr);
+    constexpr std::uint64_t kWidth = 50;
+    const std::uint64_t all = std::max<std::uint64_t>(allFrames.value_or(0), frames);  // a raw file may still grow
+    fmt::print(stderr, "\r{}",
+               allFrames
+                   ? fmt::format("[{:<{}}] {} %", std::string(frames * kWidth / all, '#'), kWidth, frames * 100 / all)
+                   : fmt::format("{} frames", frames));
   }
   void clear() {
     if (next_ > 1) std::fputs("\r\033[K", stderr);
@@ -193,9 +192,8 @@ class Progress {
 
  private:
   using Clock = std::chrono::steady_clock;
-  std::optional<std::uint64_t> allFrames_;
-  bool onTerminal_ = isatty(STDERR_FILENO) != 0;
-  Clock::time_point start_ = Clock::now();
+  const bool isTerminal_ = isatty(STDERR_FILENO) != 0;
+  const Clock::time_point start_ = Clock::now();
   double next_ = 1;  // seconds after the start
 };
 
@@ -272,9 +270,9 @@ void convertFile(const Options& options, const std::string& inName, const std::s
   if (sink.storedLayout != plan.layout)
     say("output: the container cannot store that layout; readers will take it for {}", describe(sink.storedLayout));
 
-  Progress progress(source.frames);
+  Progress progress;
   const Report report = convert(source, plan.stages, out, sink, options.blockFrames,
-                                [&](std::uint64_t frames) { progress.show(frames); });
+                                [&](std::uint64_t frames) { progress.show(frames, source.frames); });
   sink.finish();
   output.commit();
   progress.clear();
@@ -316,40 +314,24 @@ int reportFailure(const std::string& file, const std::function<void()>& work) {
   return code;
 }
 
-// Converts each input into the folder, under its name, as WAV where we do not write its container.
-int convertToFolder(const Options& options, const std::string& folder) {
+// In a folder an output has its input's name, and is a WAV where we do not write the input's container.
+int convertAll(const Options& options) {
+  const std::string& out = options.files.back();
+  const bool toFolder = isFolder(out);
   std::set<fs::path> written;
   int code = 0;
-  for (auto in = options.files.begin(); in != std::prev(options.files.end()); ++in) {
-    const int failed = reportFailure(*in, [&] {
-      if (*in == "-") fail("- has no name for a file in {}; give one", folder);
-      fs::path out = folder / fs::path(*in).filename();
-      if (!containerOfName(out)) out.replace_extension(".wav");
-      if (!written.insert(out).second) fail("{} has been written from another input; rename {}", out.string(), *in);
-      convertFile(options, *in, out);
+  for (const std::string& in : std::span(options.files).first(options.files.size() - 1)) {
+    const int failed = reportFailure(toFolder ? in : "", [&] {
+      if (!toFolder) return convertFile(options, in, out);
+      if (in == "-") fail("- has no name for a file in {}; give one", out);
+      fs::path path = out / fs::path(in).filename();
+      if (!containerOfName(path)) path.replace_extension(".wav");
+      if (!written.insert(path).second) fail("{} has been written from another input; rename {}", path.string(), in);
+      convertFile(options, in, path);
     });
     if (code == 0) code = failed;
   }
   return code;
-}
-
-int run(int argc, char** argv) {
-  Options options;
-  int code = 0;
-  bool isDone = false;
-  code = reportFailure("", [&] {
-    const auto done = parseArguments(argc, argv, options);
-    isDone = done.has_value();
-  });
-  if (code != 0 || isDone) return code;
-  const std::string& out = options.files.back();
-  std::error_code none;
-  if (fs::is_directory(out, none)) return convertToFolder(options, out);
-  return reportFailure("", [&] {
-    if (options.files.size() > 2)
-      failUsage("{} is no folder, for {} inputs; make it first", out, options.files.size() - 1);
-    convertFile(options, options.files[0], out);
-  });
 }
 
 }  // namespace
@@ -361,5 +343,10 @@ int main(int argc, char** argv) {
   // Writing fails instead, and the failure cleans up.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  return kesconvert::run(argc, argv);
+  using namespace kesconvert;
+  Options options;
+  std::optional<int> code;
+  const int failed = reportFailure("", [&] { code = parseArguments(argc, argv, options); });
+  if (failed != 0 || code) return code.value_or(failed);
+  return convertAll(options);
 }

@@ -8,6 +8,8 @@
 #include <bit>
 #include <charconv>
 
+#include "failure.h"
+
 namespace kesconvert {
 namespace {
 
@@ -47,14 +49,14 @@ std::vector<Entry> select(ChannelMask layout, const Entry (&table)[kPositions]) 
 
 }  // namespace
 
-std::optional<ChannelMask> parseLayout(const std::string& text) {
+ChannelMask parseLayout(const std::string& text) {
   for (const NamedLayout& layout : kLayouts)
     if (text == layout.name) return layout.mask;
   ChannelMask mask = 0;
   const char* end = text.data() + text.size();
-  if (!text.starts_with("0x")) return std::nullopt;
-  const auto [parsed, error] = std::from_chars(text.data() + 2, end, mask, 16);
-  if (error != std::errc() || parsed != end || mask >> kPositions != 0) return std::nullopt;
+  const auto [parsed, error] = std::from_chars(text.data() + std::min<std::size_t>(2, text.size()), end, mask, 16);
+  if (!text.starts_with("0x") || error != std::errc() || parsed != end || mask >> kPositions != 0)
+    failUsage("--layout {} is unknown; use a mask like 0x3F or one of {}", text, layoutNames());
   return mask;
 }
 
@@ -86,14 +88,16 @@ ChannelMask standardLayout(unsigned channels) {
 ChannelMask flacLayout(unsigned channels) { return channels == 7 ? 0x70F : standardLayout(channels); }
 
 std::vector<unsigned> vorbisOrder(unsigned channels) {
-  switch (channels) {
-    case 3: return {0, 2, 1};
-    case 5: return {0, 2, 1, 3, 4};
-    case 6: return {0, 2, 1, 5, 3, 4};
-    case 7: return {0, 2, 1, 6, 5, 3, 4};
-    case 8: return {0, 2, 1, 7, 5, 6, 3, 4};
-    default: return {};
-  }
+  static const std::vector<unsigned> kOrders[] = {{},
+                                                  {},
+                                                  {},
+                                                  {0, 2, 1},
+                                                  {},
+                                                  {0, 2, 1, 3, 4},
+                                                  {0, 2, 1, 5, 3, 4},
+                                                  {0, 2, 1, 6, 5, 3, 4},
+                                                  {0, 2, 1, 7, 5, 6, 3, 4}};
+  return channels < std::size(kOrders) ? kOrders[channels] : kOrders[0];
 }
 
 ChannelMask layoutOfChannelMap(const std::vector<int>& map) {
