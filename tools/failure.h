@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the user is told when something cannot be done: one line that says what is wrong, with which file or value,
-// and what to do about it.
+// Failures as the user reads them: one line that says what is wrong, with which file or value, and what to do.
 #ifndef KESCONVERT_FAILURE_H
 #define KESCONVERT_FAILURE_H
 

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kTemporaryCopy = "the temporary copy, which goes where TMPDIR says";
 
-// What a signal removes. A name that is not there yet, or no more, does no harm: nobody else has it.
+// Removed by a signal. The name is ours alone, so removing it too early or too late does no harm.
 char gTemporary[PATH_MAX];
 
 extern "C" void removeTemporaryAndDie(int signal) {
@@ -110,9 +110,9 @@ std::string OutputFile::nameWritten() const { return copy_.get() >= 0 ? kTempora
 
 void OutputFile::createBeside() {
   fs::path place = name_;
-  constexpr int kMostLinks = 40;  // the system's own limit
+  constexpr int kMaxLinks = 40;  // the system's own limit
   std::error_code none;
-  for (int links = 0; links < kMostLinks && fs::is_symlink(place, none); ++links)
+  for (int links = 0; links < kMaxLinks && fs::is_symlink(place, none); ++links)
     place = place.parent_path() / fs::read_symlink(place);
   temporary_ = place.parent_path() / fmt::format(".kesconvert-{:08x}", std::random_device()());
   if (temporary_.size() >= sizeof gTemporary) failToWrite(name_, ENAMETOOLONG);

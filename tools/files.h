@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files as the operating system sees them: an input that can be read, an output that is there complete or not at all.
+// Input and output files. An output appears complete or not at all.
 #ifndef KESCONVERT_FILES_H
 #define KESCONVERT_FILES_H
 
@@ -33,14 +33,14 @@ class Descriptor {
 [[noreturn]] void failToRead(const std::string& name, int error);
 [[noreturn]] void failToWrite(const std::string& name, int error);
 
-// Opens a file for reading; "-" is standard input. With seekable, what comes through a pipe is copied to a temporary
-// file first, since the readers of most containers go back and forth.
+// Opens a file for reading; "-" is standard input. With seekable, copies a pipe to a temporary file first, since the
+// readers of most containers seek.
 Descriptor openInput(const std::string& name, bool seekable);
 
-// A file is written beside its place, under a hidden name, and renamed over it by commit(): what was there before
-// stays until then, and without commit() nothing is left behind, whether by a failure or by a signal. A link is
-// followed to its file. Anything else ("-" for standard output, a pipe, a device) is written to as it is; with
-// seekable, through a temporary file, by commit().
+// Writes a file beside its place, under a hidden name, which commit() renames: an older file stays until then, and
+// without commit() nothing is left behind, be it by a failure or by a signal. Follows a link to its file. Writes to
+// anything else ("-" for standard output, a pipe, a device) as it is; with seekable, from a temporary file, in
+// commit().
 class OutputFile {
  public:
   OutputFile(const std::string& name, bool seekable, const Descriptor& input);
@@ -49,7 +49,7 @@ class OutputFile {
   OutputFile& operator=(const OutputFile&) = delete;
 
   const std::string& name() const { return name_; }
-  std::string nameWritten() const;  // of what is behind fd()
+  std::string nameWritten() const;  // of the file behind fd()
   int fd() const { return copy_.get() >= 0 ? copy_.get() : target_.get(); }
   void commit();
 

@@ -23,7 +23,7 @@ std::string layoutNames();
 // "5.1 (FL FR FC LFE BL BR, 0x3F)"
 std::string describe(ChannelMask layout);
 
-// How many channels the layout places.
+// The number of channels that the layout places.
 unsigned positions(ChannelMask layout);
 
 // The layout of a frame's first channels.

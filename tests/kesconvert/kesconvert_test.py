@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""kesconvert as its users meet it: a program that is run on files, good and bad, in a folder of its own.
+"""Runs kesconvert on files, good and bad, in a temporary folder.
 
-What needs no more than a shell stands in works.txt and fails.txt. The variable KESCONVERT is the command that runs the
-program, with an absolute path; GTEST_FAIL_FAST=1 stops at the first failure, as in the tests beside this one.
+Cases that need only a shell are in works.txt, fails.txt and formats.txt. KESCONVERT is the command that runs the
+program, with an absolute path; GTEST_FAIL_FAST=1 stops at the first failure, as in the other tests.
 """
 import os
 import pathlib
@@ -19,7 +19,7 @@ ENVIRONMENT = {**os.environ, "K": os.environ["KESCONVERT"], "SEEDS": str(CASES.p
 
 
 def cases_of(file, between):
-    """What stands in a file of cases between matches of the expression, without its comments."""
+    """Splits a file of cases at matches of the expression, without its comments."""
     return re.split(between, re.sub("^#.*\n", "", (CASES / file).read_text(), flags=re.M).strip())
 
 
