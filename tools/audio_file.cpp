@@ -218,11 +218,12 @@ std::optional<int> containerOfName(const std::string& name) {
   constexpr struct {
     const char* extension;
     int format;
-  } kContainers[] = {{".wav", SF_FORMAT_WAV},  {".rf64", SF_FORMAT_RF64},
-                     {".w64", SF_FORMAT_W64},  {".aiff", SF_FORMAT_AIFF},
-                     {".aif", SF_FORMAT_AIFF}, {".aifc", SF_FORMAT_AIFF | SF_ENDIAN_LITTLE},
-                     {".caf", SF_FORMAT_CAF},  {".flac", SF_FORMAT_FLAC},
-                     {".au", SF_FORMAT_AU},    {".snd", SF_FORMAT_AU}};
+  } kContainers[] = {
+      {".wav", SF_FORMAT_WAV},   {".rf64", SF_FORMAT_RF64}, {".w64", SF_FORMAT_W64},
+      {".aiff", SF_FORMAT_AIFF}, {".aif", SF_FORMAT_AIFF},  {".aifc", SF_FORMAT_AIFF | SF_ENDIAN_LITTLE},
+      {".caf", SF_FORMAT_CAF},   {".flac", SF_FORMAT_FLAC}, {".au", SF_FORMAT_AU},
+      {".snd", SF_FORMAT_AU},    {".ogg", SF_FORMAT_OGG},   {".oga", SF_FORMAT_OGG},
+      {".opus", SF_FORMAT_OGG},  {".mp3", SF_FORMAT_MPEG}};
   for (const auto& container : kContainers)
     if (extension == container.extension) return container.format;
   return std::nullopt;
@@ -361,8 +362,8 @@ AudioSink::AudioSink(const OutputFile& file, int major, const StreamFormat& form
 
   SF_INFO info = infoOf(format, major);
   if (!sf_format_check(&info))
-    fail("cannot write {}: {} does not take {} channels of {} samples; use .wav, .caf or .aiff", file.name(),
-         container, format.channels, nameOf(format.samples));
+    fail("cannot write {}: {} does not take {} channels of {} PCM; use .wav, .caf or .aiff", file.name(), container,
+         format.channels, nameOf(format.samples));
   constexpr int kMaxAiffRate = 1 << 30;  // libsndfile writes any greater one as 800 MHz
   if ((major & SF_FORMAT_TYPEMASK) == SF_FORMAT_AIFF && format.rate > kMaxAiffRate)
     fail("cannot write {}: {} does not take {} Hz; use .wav, .caf or .au", file.name(), container, format.rate);

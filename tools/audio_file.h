@@ -17,7 +17,7 @@
 
 namespace kesconvert {
 
-// libsndfile's major format for a file name's extension; empty if it names no container that we write.
+// libsndfile's major format for the extension of a file name; empty for an unknown one.
 std::optional<int> containerOfName(const std::string& name);
 
 // State of the I/O callbacks given to libsndfile.

@@ -160,8 +160,8 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   }
   if (options.files.size() < 2)
     failUsage("{} is required; see kesconvert --help", options.files.empty() ? "IN" : "OUT");
-  if (options.files.size() > 2 && !isFolder(options.files.back()))
-    failUsage("{} is no folder, for {} inputs; make it first", options.files.back(), options.files.size() - 1);
+  if ((options.files.size() > 2 || options.files.back().ends_with('/')) && !isFolder(options.files.back()))
+    failUsage("{} is no folder; make it first, to hold the outputs", options.files.back());
   if (options.files.back() == "/dev/stdout") options.files.back() = "-";
   options.conversion.addSilentChannels = upmix == "zero";
   if (options.conversion.limit && options.samples.value_or(KES_PCM_S16) != KES_PCM_S16)
@@ -206,7 +206,7 @@ int outputContainer(const Options& options, const std::string& name) {
   if (const auto container = containerOfName(name)) return *container;
   std::error_code none;
   if (name != "-" && (!fs::exists(name, none) || fs::is_regular_file(name, none)))
-    fail("cannot write {}: its extension names no container; use .wav, .flac, .aiff or .caf", name);
+    fail("cannot write {}: its extension is of no known container; use .wav, .flac, .aiff or .caf", name);
   return SF_FORMAT_WAV;
 }
 
@@ -325,7 +325,8 @@ int convertAll(const Options& options) {
       if (!toFolder) return convertFile(options, in, out);
       if (in == "-") fail("- has no name for a file in {}; give one", out);
       fs::path path = out / fs::path(in).filename();
-      if (!containerOfName(path)) path.replace_extension(".wav");
+      const int container = containerOfName(path).value_or(SF_FORMAT_MPEG);
+      if (container == SF_FORMAT_MPEG || container == SF_FORMAT_OGG) path.replace_extension(".wav");
       if (!written.insert(path).second) fail("{} has been written from another input; rename {}", path.string(), in);
       convertFile(options, in, path);
     });
