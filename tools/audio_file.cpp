@@ -128,7 +128,7 @@ sf_count_t moveAll(VirtualFile& file, sf_count_t count, Move move) {
 }
 
 // Programs that write to a pipe leave sizes that libsndfile does not take for audio up to the end: 0 in a WAV, -1 in
-// a CAF. It is given one that is beyond any file.
+// a CAF. It is given the greatest, or what follows.
 void fillSize(VirtualFile& file, std::span<unsigned char> read) {
   const bool isData = std::string_view(file.lastWord, 4) == "data";
   const auto isAll = [&](unsigned char byte) { return std::ranges::count(read, byte) == std::ssize(read); };
@@ -137,7 +137,10 @@ void fillSize(VirtualFile& file, std::span<unsigned char> read) {
     const bool isChunk = std::isalpha(static_cast<unsigned char>(next[0])) != 0;
     if (!isChunk) std::ranges::fill(read, static_cast<unsigned char>(0xFF));
   }
-  if (isData && read.size() == 8 && isAll(0xFF)) read[0] = 0, read[1] = 2;
+  if (isData && read.size() == 8 && isAll(0xFF)) {
+    const auto left = static_cast<std::uint64_t>(lseek(file.fd, 0, SEEK_END) - file.position);
+    for (unsigned i = 0; i < 8; ++i) read[i] = static_cast<unsigned char>(left >> (56 - 8 * i));
+  }
   if (read.size() == 4) std::memcpy(file.lastWord, read.data(), 4);
 }
 
@@ -238,11 +241,13 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   const sf_count_t promised = promisedLength(file_.fd);
   const bool isW64 = kind != nullptr && kind->bytes == "riff";  // all that follows its header is audio
   file_.length = isPromising ? kEndless : isW64 ? std::max(status.st_size, promised) : status.st_size;
+  constexpr sf_count_t kMaxChunk = sf_count_t{1} << 30;
+  if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxChunk;  // it allocates its chunks
   file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
   const bool isCompressed = isSound && encodingOf(info.format).bytes == 0;
-  if (isCompressed && isPromising) {  // a decoder may go on without end
+  if (isCompressed && isPromising) {  // a decoder may not notice the end
     file_.length = status.st_size;
     open(info = {});
   }
