@@ -241,8 +241,8 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   const sf_count_t promised = promisedLength(file_.fd);
   const bool isW64 = kind != nullptr && kind->bytes == "riff";  // all that follows its header is audio
   file_.length = isPromising ? kEndless : isW64 ? std::max(status.st_size, promised) : status.st_size;
-  constexpr sf_count_t kMaxChunk = sf_count_t{1} << 30;
-  if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxChunk;  // it allocates its chunks
+  constexpr sf_count_t kMaxMissing = 1 << 20;
+  if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxMissing;  // it reads whole chunks
   file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
