@@ -17,8 +17,8 @@
 namespace kesconvert {
 namespace {
 
-// A length beyond any file's: with it libsndfile believes a header, instead of cutting what it promises down to what
-// is there.
+// A length beyond any file's. Told it, libsndfile believes a header's promise, instead of cutting it down to what is
+// there.
 constexpr sf_count_t kEndless = sf_count_t{1} << 50;
 
 // Where the containers with 32-bit sizes end, with room for the longest header.
@@ -26,12 +26,12 @@ constexpr std::uint64_t kMaxBytes = 0xFFFFFFFF - 4096;
 
 constexpr const char* kAdvice = "get it anew from where it came";
 
-// File kinds by their first bytes. libsndfile takes the readable ones, and tells MP3 from its frames.
+// Kinds of files by their first bytes. An MP3 without a tag has none: libsndfile knows it by its frames.
 struct Kind {
   off_t at;
   std::string_view bytes;
   const char* name;
-  enum { kUnreadable, kReadable, kPromising } use;  // promising: the header has a size of 32 or 64 bits
+  enum { kUnreadable, kReadable, kPromising } use;  // promising: the header says how much audio follows
 };
 // clang-format off
 constexpr Kind kKinds[] = {
@@ -242,12 +242,12 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   const bool isW64 = kind != nullptr && kind->bytes == "riff";  // all that follows its header is audio
   file_.length = isPromising ? kEndless : isW64 ? std::max(status.st_size, promised) : status.st_size;
   constexpr sf_count_t kMaxMissing = 1 << 20;
-  if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxMissing;  // it reads whole chunks
+  if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxMissing;  // it reads chunks whole
   file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
   const bool isCompressed = isSound && encodingOf(info.format).bytes == 0;
-  if (isCompressed && isPromising) {  // a decoder may not notice the end
+  if (isCompressed && isPromising) {  // some decoders go on beyond the end
     file_.length = status.st_size;
     open(info = {});
   }
@@ -270,7 +270,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
     fail("cannot read {}: it is {}{}; decode it first: ffmpeg -i {} decoded.wav", name, kind->name,
          kind->use == Kind::kUnreadable ? "" : fmt::format(", but damaged or unusual ({})", reasonOf(nullptr)), name);
   if (!raw) {
-    // Where libsndfile makes do with what is there: no frames, part of a compressed recording, an Ogg without an end.
+    // Cut files that libsndfile accepts: without any frame, part of a compressed recording, an Ogg without its end.
     const bool isShort = status.st_size + 1 < promised && !isPlaceholder(static_cast<std::uint64_t>(promised), 1);
     const bool isEndless = info.frames > kEndless && (info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_OGG;
     if (isEndless || (isShort && (info.frames == 0 || isCompressed))) fail("{} is cut short; {}", name, kAdvice);

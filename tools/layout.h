@@ -14,7 +14,8 @@ namespace kesconvert {
 
 inline constexpr ChannelMask kLayout5Point1Side = 0x60F;
 
-// The layout of a name ("5.1") or of a hexadecimal mask ("0x3F"). "none" is the unknown layout. Fails for anything else.
+// The layout of a name ("5.1") or of a hexadecimal mask ("0x3F"). "none" is the unknown layout. Fails for anything
+// else.
 ChannelMask parseLayout(const std::string& text);
 
 // "mono, stereo, ..."
