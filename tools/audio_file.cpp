@@ -391,6 +391,7 @@ void AudioSink::write(const std::int32_t* samples, std::size_t frames) {
 }
 
 void AudioSink::finish() {
+  sf_command(sound_.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);  // a FLAC without frames would lack its header
   if (sf_close(sound_.release()) != 0 || file_.error != 0) failOfSound();
   if (!hasMask_) return;
   // libsndfile keeps a layout only if it places every channel, and otherwise guesses one from their count.
