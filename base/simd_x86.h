@@ -64,18 +64,21 @@ inline U8x permute(U8x x, U8x) { return x; }
 struct ShortWindow {
   static constexpr int kBytes = 32;
   static constexpr Byte first(const Byte* sources) {
-    return std::min(*std::min_element(sources, sources + 32), Byte{16});
+    Byte least = 16;
+    for (int i = 0; i < kVectorBytes; ++i) least = std::min(least, sources[i]);
+    return least;
   }
   static constexpr bool reaches(const Byte* sources) {
-    return std::all_of(sources, sources + 32, [=](Byte s) { return s == kSilent || s - first(sources) < 16; });
+    Byte most = 0;
+    for (int i = 0; i < kVectorBytes; ++i) most = std::max(most, sources[i] == kSilent ? Byte{0} : sources[i]);
+    return most < first(sources) + 16;
   }
   struct Table {
     ByteTable bytes;
     std::ptrdiff_t at = 0;
     constexpr Table() = default;
     constexpr explicit Table(const Byte* sources) : bytes(sources), at(first(sources)) {
-      for (Byte& s : bytes.bytes)
-        if (s != kSilent) s = static_cast<Byte>(s - at);
+      for (Byte& s : bytes.bytes) s = s == kSilent ? s : static_cast<Byte>(s - at);
     }
   };
   struct Indexes {
