@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Builds the library with our engines inside, by CMake, into the Python wheel. The environment's CMAKE_ARGS are options
-of CMake's; CXX and CXXFLAGS count too."""
+"""Builds the library with our engines inside, by CMake, into the Python wheel. CMAKE_ARGS in the environment holds more
+options of CMake's; CXX and CXXFLAGS count too."""
 import os
 import re
 import shlex

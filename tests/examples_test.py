@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Compiles the examples of the headers and the README, as C99 and as C++, runs them and checks their output.
+"""Compiles the examples of the headers and the README, as C99 and as C++, runs them and checks their output; and runs
+the README's Python.
 Usage: examples_test.py SOURCE_DIR LIBRARY_DIR CC CXX"""
-import pathlib, re, subprocess, sys, tempfile
+import os, pathlib, re, subprocess, sys, tempfile
 
 source, library, cc, cxx = pathlib.Path(sys.argv[1]), *sys.argv[2:5]
 headers = ''
@@ -10,7 +11,8 @@ for header in sorted((source / 'include/kesaudio').glob('*.h')):
     for code in re.findall(r'@code\n(.*?) \* @endcode', header.read_text(), re.S):
         headers += re.sub(r'^ \* ?', '', code, flags=re.M)
 assert headers.count('InitKesAudio') == 3, 'one example for each component'
-whole, *pieces = re.findall(r'```c\n(.*?)```', (source / 'README.md').read_text(), re.S)
+readme = (source / 'README.md').read_text()
+whole, *pieces = re.findall(r'```c\n(.*?)```', readme, re.S)
 assert len(pieces) == 2
 
 # Three frames of 5.1, and 100 ms of silence for the others.
@@ -41,3 +43,9 @@ with tempfile.TemporaryDirectory() as folder:
             made = subprocess.run([program], check=True, capture_output=True, text=True).stdout
             if made != output:
                 sys.exit(f'{name}.{suffix} prints {made!r}, expected {output!r}')
+
+(python, printed), = re.findall(r'```python\n(.*?)```\n\nprints `(.*?)`', readme, re.S)
+os.environ.update(KESAUDIO_LIBRARY=f'{library}/libkesaudio.so', PYTHONPATH=f'{source}/python')
+made = subprocess.run([sys.executable, '-B', '-c', python], check=True, capture_output=True, text=True).stdout
+if made != printed + '\n':
+    sys.exit(f'the Python prints {made!r}, expected {printed!r}')

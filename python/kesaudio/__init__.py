@@ -80,7 +80,7 @@ def resample(frames: np.ndarray, in_rate: int, out_rate: int, sample_format: Opt
         raise ValueError("frames: the resampler takes no packed 24-bit; convert them to 's32' first")
     with Resampler(in_rate, out_rate, array.shape[1], found, align=False) as stream:
         wanted = -(-len(array) * int(out_rate) // int(in_rate))
-        # The filter's latency is 38 frames of the lower rate, which is 4000 Hz or more: 20 ms of silence bring the end.
+        # The latency is 38 frames of the lower rate, which is 4000 Hz or more: 20 ms of silence bring the end.
         silence = np.zeros((int(in_rate) // 50 + 1, array.shape[1]), array.dtype)
         return np.concatenate((stream.process(array), stream.process(silence)))[:wanted]
 
