@@ -28,7 +28,7 @@ class WithLibrary(build_py):
         off = [f"-DKESAUDIO_{what}=OFF" for what in ("BUILD_TESTS", "BUILD_TOOLS", "BUILD_BENCH", "INSTALL")]
         subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DKESAUDIO_ENGINES=bundled",
                         "-DKESAUDIO_LEVELS=", *off, *shlex.split(os.environ.get("CMAKE_ARGS", ""))], check=True)
-        subprocess.run(["cmake", "--build", build, "--target", "kesaudio", "--parallel"], check=True)
+        subprocess.run(["cmake", "--build", build, "--target", "kesaudio", "-j", str(os.cpu_count())], check=True)
         library = f"libkesaudio.so.{VERSION[0]}"
         shutil.copy(build / library, Path(self.build_lib, "kesaudio", library))
 

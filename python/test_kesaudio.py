@@ -11,16 +11,14 @@ import pytest
 from kesaudio import library
 from numpy.testing import assert_allclose, assert_array_equal
 
-BITS = {"s16": 16, "s24": 24, "s32": 32}
 RANDOM = np.random.default_rng(1)
 
 
 def noise(bits, channels, n=1000):
     """Whole numbers of all magnitudes, the extremes among them."""
     top = 1 << (bits - 1)
-    samples = RANDOM.integers(-top, top, (n, channels)) >> RANDOM.integers(0, bits, (n, channels))
-    samples[:4] = np.array([[-top], [top - 1], [0], [-1]])
-    return samples
+    loud = RANDOM.integers(-top, top, (n - 2, channels)) >> RANDOM.integers(0, bits, (n - 2, channels))
+    return np.vstack((loud, [[-top] * channels, [top - 1] * channels]))
 
 
 def packed(samples, bits):
@@ -65,24 +63,19 @@ MIXES = [  # layout, channels before and after, each output channel of the input
 ]
 
 
-@pytest.mark.parametrize("bits", BITS.values())
-def test_mixes(bits):
+@pytest.mark.parametrize("bits", [16, 24, 32])
+def test_mixes(bits, monkeypatch):
+    monkeypatch.setattr(kesaudio, "_MAX_BYTES", 1000)  # several calls of the library
     for layout, before, after, formula in MIXES:
         samples = noise(bits, before)
         expected = clamp(np.stack(formula(list(samples.T), bits), axis=1), bits)
-        assert_array_equal(kesaudio.downmix(packed(samples, bits), after, layout), packed(expected, bits), str(layout))
+        made = kesaudio.downmix(packed(samples, bits), after, layout)
+        assert_array_equal(made, packed(expected, bits), str(layout))
     samples = noise(bits, 3)[::-1]  # not in one piece
     repeated, silent = samples[:, [0, 1, 2, 0, 1]], np.pad(samples, ((0, 0), (0, 2)))
     assert_array_equal(kesaudio.upmix(packed(samples, bits), 5), packed(repeated, bits))
     assert_array_equal(kesaudio.upmix(packed(samples, bits), 5, "zero"), packed(silent, bits))
     assert kesaudio.downmix(packed(samples[:0], bits), 1, "none").shape[:2] == (0, 1)
-
-
-def test_blocks_of_many_calls(monkeypatch):
-    frames = packed(noise(24, 6), 24)
-    whole = kesaudio.downmix(frames)
-    monkeypatch.setattr(kesaudio, "_MAX_BYTES", 1000)
-    assert_array_equal(kesaudio.downmix(frames), whole)
 
 
 def test_sample_formats():
@@ -132,8 +125,9 @@ def test_streams_keep_what_is_left_over():
         stream.reset()
         assert_array_equal(stream.process(frames)[:100], made[:100])
         stream.close()
-        with pytest.raises(ValueError, match="closed"):
-            stream.process(frames)
+        for call in (lambda: stream.process(frames)), stream.reset:
+            with pytest.raises(ValueError, match=f"{type(stream).__name__}: the stream is closed"):
+                call()
 
 
 def test_first_block_is_as_long_as_its_input():
@@ -149,28 +143,23 @@ STEREO, SURROUND = np.zeros((4, 2), np.int16), np.zeros((4, 6), np.int16)
 @pytest.mark.parametrize("call, argument", [
     (lambda: kesaudio.downmix(SURROUND.astype(float)), "frames"),
     (lambda: kesaudio.downmix(SURROUND.astype(">i2")), "frames"),
-    (lambda: kesaudio.downmix(SURROUND[0]), "frames"),
     (lambda: kesaudio.downmix(np.zeros((4, 6, 4), np.uint8)), "frames"),
     (lambda: kesaudio.downmix(np.zeros((4, 0), np.int16)), "frames"),
     (lambda: kesaudio.downmix(STEREO), "layout"),
     (lambda: kesaudio.downmix(SURROUND, layout="5.2"), "layout"),
-    (lambda: kesaudio.downmix(SURROUND, layout=-1), "layout"),
     (lambda: kesaudio.downmix(SURROUND, 7), "channels"),
     (lambda: kesaudio.downmix(SURROUND, 2.0), "channels"),
     (lambda: kesaudio.upmix(SURROUND, 5), "channels"),
     (lambda: kesaudio.upmix(STEREO, 4, "noise"), "fill"),
     (lambda: kesaudio.convert(STEREO, "f32"), "to"),
     (lambda: kesaudio.convert(STEREO, "s24", "q8.24"), "frames"),
-    (lambda: kesaudio.convert(STEREO, "s24", "s20"), "sample_format"),
     (lambda: kesaudio.resample(STEREO, 0, 48000), "in_rate"),
     (lambda: kesaudio.resample(STEREO, 48000, 100), "in_rate, out_rate"),
-    (lambda: kesaudio.resample(np.zeros((4, 9), np.int16), 48000, 44100), "channels"),
     (lambda: kesaudio.resample(np.zeros((4, 2, 3), np.uint8), 48000, 44100), "frames"),
     (lambda: kesaudio.Resampler(48000, 44100, 2, "s32", "s16"), "to"),
     (lambda: kesaudio.ChannelConverter(9, 2), "in_channels"),
     (lambda: kesaudio.ChannelConverter(6, 2).process(STEREO), "frames"),
     (lambda: kesaudio.BitConverter("q8.24", "limited", 3), "channels"),
-    (lambda: kesaudio.BitConverter("s32", "limited"), "to"),
 ])
 def test_wrong_arguments_are_named(call, argument):
     with pytest.raises(ValueError, match=f"^{argument}:"):
