@@ -4,8 +4,8 @@
  *
  *   callback | aplay -f S16_LE -c 2 -r 44100
  *
- * What allocates, locks or logs happens before the first callback: opening the resampler, and its first block, which
- * it allocates memory for unless it is empty. From then on it only calculates. */
+ * Whatever allocates or logs happens before the first callback: Open, and the first block of the resampler, for which
+ * it allocates memory unless the block is empty. From then on it only calculates. */
 #include <kesaudio/kesaudio.h>
 #include <stdio.h>
 #include <string.h>
@@ -44,7 +44,7 @@ static int refill(Player* player) {
 
   uint32_t left = player->mixedFrames * 4, made = sizeof player->ready;
   if (player->resampler.Process(&player->resampler, player->mixed, &left, player->ready, &made) != KES_OK) return 0;
-  if (made == 0 && left == player->mixedFrames * 4) return 0; /* it is stuck: never turn in a circle here */
+  if (made == 0 && left == player->mixedFrames * 4) return 0; /* no endless loop in a callback */
   memmove(player->mixed, player->mixed[player->mixedFrames - left / 4], left);
   player->mixedFrames = left / 4;
   player->readyFrames = made / 4;
@@ -52,7 +52,7 @@ static int refill(Player* player) {
   return 1;
 }
 
-/* Fills audio with so many frames of stereo. 0: go on. */
+/* Fills audio with frames of stereo. Returns 0 to go on, 1 to stop, as AAudio wants it. */
 static int onAudio(void* stream, void* user, void* audio, int32_t frames) {
   Player* const player = user;
   int16_t(*out)[2] = audio;

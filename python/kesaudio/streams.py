@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The three components as objects that take a stream block by block."""
 from ctypes import byref, c_uint32
-from typing import Any, Optional
+from typing import Any, Optional, TypeVar
 
 import numpy as np
 
@@ -11,6 +11,7 @@ from .library import LIB, OK, BitConverterRecord, ChannelConverterRecord, Resamp
 MAX_CHANNELS = 8
 _MAX_BYTES = 1 << 28  # offered in one call; counts have 32 bits
 _MAX_WORD = (1 << 32) - 1
+_Self = TypeVar("_Self", bound="_Stream")
 
 
 class _Stream:
@@ -84,7 +85,7 @@ class _Stream:
 
     __del__ = close
 
-    def __enter__(self):
+    def __enter__(self: _Self) -> _Self:
         self._open_record()
         return self
 
