@@ -1,6 +1,7 @@
 #!/bin/sh
-# Builds the native part of examples/android for this machine, as prefab would offer the library, and calls it from Java.
-# Neither Gradle nor Kotlin nor Android take part. Usage: android_example_test.sh SOURCE_DIR BUILD_DIR JNI_INCLUDE...
+# Builds the native part of examples/android for this machine, with the library as prefab offers it, and calls it from
+# Java. Neither Gradle nor Kotlin nor Android take part.
+# Usage: android_example_test.sh SOURCE_DIR BUILD_DIR JNI_INCLUDE...
 set -eu
 source=$1 build=$2 && shift 2
 scratch=$(mktemp -d)
