@@ -23,24 +23,24 @@
  * }
  * @endcode
  *
- * WARNING: types that do nothing leave both counts: end a loop when nothing was consumed, as this one does, and count
- * no bytes as made.
+ * WARNING: types that do nothing leave both counts: end a loop when nothing was consumed, as this one does, and do
+ * not take outBytes for bytes made.
  *
- * The record's operations come in an order of their own, Open first.
+ * Unlike the other records, this one begins with Open.
  *
  * The caller owns the record and the sample blocks. The component owns the limiter's two work buffers from Open to
  * Close (malloc and free), of the sizes that the library asks for; other types need none. Process allocates nothing.
  * One record is driven by one thread at a time; separate records are independent.
  *
- * It logs under the tag "KesAudioBitConverterc": one debug line at each SetParameter and GetParameter, and what Open
- * could not allocate.
+ * It logs under the tag "KesAudioBitConverterc": one debug line at each SetParameter and GetParameter, and one when
+ * Open is out of memory.
  */
 #ifndef KESAUDIO_BIT_CONVERTER_H
 #define KESAUDIO_BIT_CONVERTER_H
 
 #include <kesaudio/types.h>
 
-/** What Process does.
+/** The conversion that Process does.
  *
  *     value          Process                                          SetParameter
  *     0 .. 11        the shifter library's conversion of that number  takes it
@@ -48,13 +48,12 @@
  *     256            the limiter                                      takes it
  *     0xFFFF, other  nothing                                          refuses it (Open stores it)
  *
- * On a device the platform's library says what 0 to 11 mean. Ours, elsewhere, has the pairs of the sample formats in
- * order: KES_CONVERT_S16_TO_S32 and so on.
+ * On a device the platform's library defines 0 to 11. Ours, elsewhere, takes them as the pairs of sample formats
+ * below.
  */
 typedef uint32_t ConvertType;
 
-/** The values of ConvertType that have a name, with what our shifter does to a sample: full scale stays full scale.
- */
+/** Named values of ConvertType, and how our shifter converts a sample. Full scale stays full scale. */
 enum {
   KES_CONVERT_S16_TO_S32 = 0,    /**< exact */
   KES_CONVERT_S16_TO_Q8_24 = 1,  /**< exact */
@@ -68,13 +67,13 @@ enum {
   KES_CONVERT_S24_TO_S16 = 9,    /**< rounded, clamped */
   KES_CONVERT_S24_TO_S32 = 10,   /**< exact */
   KES_CONVERT_S24_TO_Q8_24 = 11, /**< exact */
-  KES_CONVERT_NOTHING = 12,      /**< and from here on, but for the limiter */
+  KES_CONVERT_NOTHING = 12,      /**< no conversion, as for every higher value but the limiter's */
   KES_CONVERT_LIMITER = 256,     /**< the limiter library; ours takes 8.24 with headroom, gives 16 bits */
   KES_CONVERT_RESERVED = 257,    /**< nothing */
   KES_CONVERT_UNSET = 0xFFFF     /**< after the initialisation */
 };
 
-/** What the limiter library is told of the stream: four words, 16 bytes, no padding. */
+/** Description of the stream for the limiter library: four words, 16 bytes, no padding. */
 typedef struct LimiterParam {
   uint32_t channels;   /**< per frame, on both sides */
   uint32_t sampleRate; /**< Hz */
@@ -94,35 +93,36 @@ typedef struct KesAudioBitConverterC KesAudioBitConverterC;
 /** The record: the operations, then what they keep. */
 struct KesAudioBitConverterC {
   /** KES_STATE_CLOSED to KES_STATE_OPEN: stores the arguments, unchecked, and forgets any earlier limiter. For
-   * KES_CONVERT_LIMITER, and neither number 0, sets the limiter up: asks its library for its buffer sizes, allocates
-   * both (none for a size of 0) and opens it. KES_REFUSED in KES_STATE_OPEN (nothing changes) or out of memory: then
-   * nothing stays allocated, and the members hold the arguments. */
+   * KES_CONVERT_LIMITER with sampleRate and channels other than 0, sets up the limiter: asks its library for its
+   * buffer sizes, allocates both (none for a size of 0) and opens it. KES_REFUSED in KES_STATE_OPEN (nothing changes)
+   * or out of memory: then nothing stays allocated, and the members hold the arguments. */
   uint32_t (*Open)(KesAudioBitConverterC* handle, uint32_t sampleRate, uint32_t channels, ConvertType convertType);
 
   /** Any state: frees both buffers and enters KES_STATE_CLOSED. Always KES_OK. */
   uint32_t (*Close)(KesAudioBitConverterC* handle);
 
   /** KES_STATE_CLOSED: stores value into the member of the ID; KES_BAD_PARAMETER, and nothing is stored, for a value
-   * out of the list above or an unknown ID. KES_REFUSED in KES_STATE_OPEN. Open replaces all three, so what is stored
-   * here never reaches Process: there is no need to call it. */
+   * that is not in the list above or an unknown ID. KES_REFUSED in KES_STATE_OPEN. Open replaces all three, so what
+   * is stored here never reaches Process: there is no need to call it. */
   uint32_t (*SetParameter)(KesAudioBitConverterC* handle, int32_t paramID, uint32_t value);
 
-  /** Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. There is no
-   * need to call it. */
+  /** Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. There is no need to
+   * call it. */
   uint32_t (*GetParameter)(KesAudioBitConverterC* handle, int32_t paramID, void* value);
 
-  /** Has the limiter forget the stream so far, when Open set one up. Always KES_OK. */
+  /** Has the limiter forget the stream so far, if Open set one up. Always KES_OK. */
   uint32_t (*Reset)(KesAudioBitConverterC* handle);
 
   /** Converts a block.
    *
-   *     src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
+   *     src, inBytes    in: bytes available. Out: bytes that the library did not consume; offer them again. Our
+   *                     shifter never consumes part of a sample, our limiter never part of a frame.
    *     dst, outBytes   in: capacity of dst. Out: bytes that the library made.
    *
    * Types that do nothing leave the buffers and both counts as they were. Returns KES_OK; or KES_REFUSED, and touches
-   * nothing, in KES_STATE_CLOSED, or for KES_CONVERT_LIMITER when Open set no limiter up or the library
-   * gave it no instance (ours takes 1 or 2 channels). Pointers and counts are not checked,
-   * and what the libraries return is not looked at. */
+   * nothing, in KES_STATE_CLOSED, or for KES_CONVERT_LIMITER if Open set up no limiter or got no instance from the
+   * library (ours takes 1 or 2 channels). Pointers and counts are not checked, and the libraries' return values are
+   * ignored. */
   uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
@@ -133,8 +133,8 @@ struct KesAudioBitConverterC {
   void* mpInternalBuf;        /**< the limiter's memory of the stream; null when there is none */
   uint32_t mTempBufSize;      /**< bytes, as the limiter asked for when it was last set up */
   uint32_t mInternalBufSize;  /**< bytes, likewise */
-  LimiterParam mLimiterParam; /**< the stream, as Open told the limiter of it */
-  void* mpLimiter;            /**< the limiter's instance; null when Open set none up */
+  LimiterParam mLimiterParam; /**< the stream, as Open described it to the limiter */
+  void* mpLimiter;            /**< the limiter's instance; null if there is none */
   ComponentState mState;      /**< changed by Open and Close alone */
 };
 

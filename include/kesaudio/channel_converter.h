@@ -25,8 +25,11 @@
  * WARNING: with as many output as input channels Process converts nothing and leaves both counts, so this loop would
  * never end. Copy the block instead.
  *
- * Through these operations a stereo downmix is always the pairwise average, a mono one the average (a fold once
- * Reset) and an upmix always repeats channels: Open chooses so, and nothing can be set while open. For the mix of a
+ * WARNING: offer whole frames. Part of a frame at the end of a block counts as converted, is not written, and is not
+ * remembered: half a frame alone returns KES_OK with inBytes 0. Keep it, and offer it with the rest of its frame.
+ *
+ * Through this record a stereo downmix is always the pairwise average, a mono one the average (after Reset, the fold)
+ * and an upmix always repeats channels: Open sets this, and nothing can be set while open. For the mix of a
  * layout, or for silent new channels, call Audio_Channel_Downmix or Audio_Channel_Upmix. The average takes even
  * channels to the left and odd ones to the right: of 5.1, the centre goes to the left side alone, the LFE to the
  * right.
@@ -61,12 +64,11 @@ struct KesAudioChannelConverterInC {
    * there is no need to call it. */
   uint32_t (*SetParameter)(KesAudioChannelConverterInC* handle, int32_t paramID, uint32_t value);
 
-  /** Returns KES_OK, always; reads and writes nothing. value may be null. There is no need to
-   * call it. */
+  /** Always returns KES_OK; reads and writes nothing. value may be null. There is no need to call it. */
   uint32_t (*GetParameter)(KesAudioChannelConverterInC* handle, int32_t paramID, void* value);
 
-  /** Between two streams: sets mChannelMask and mChannelMaskValid to 0, so that later downmixes use mask 0xFFFF (a
-   * mono output is then folded instead of averaged). KES_REFUSED in KES_STATE_CLOSED. */
+  /** Sets mChannelMask and mChannelMaskValid to 0, so that later downmixes use mask 0xFFFF (a mono output is then
+   * folded instead of averaged). KES_REFUSED in KES_STATE_CLOSED. */
   uint32_t (*Reset)(KesAudioChannelConverterInC* handle);
 
   /** KES_STATE_CLOSED to KES_STATE_OPEN. Stores the arguments and sets mUpmixMode 0, mChannelMask 0,
@@ -77,7 +79,8 @@ struct KesAudioChannelConverterInC {
   /** KES_STATE_OPEN to KES_STATE_CLOSED; nothing else changes. KES_REFUSED in KES_STATE_CLOSED. */
   uint32_t (*Close)(KesAudioChannelConverterInC* handle);
 
-  /** Converts as much of src as fits into dst. inBytes and outBytes as in channel_entry.h, with one exception:
+  /** Converts as much of src as fits into dst. inBytes and outBytes as in channel_entry.h (partial frames too),
+   * except for equal channel counts:
    *
    *     mInChannels > mOutChannels   Audio_Channel_Downmix with mChannelMask if mChannelMaskValid is 1, else with
    *                                  0xFFFF; the mask used is stored in mChannelMask

@@ -7,12 +7,12 @@
  *
  *     inChannels   channels per input frame.
  *     outChannels  channels per output frame.
- *     format       handed to the kernel as it is. The counts do not depend on it: with a format that no kernel
- *                  converts they are rewritten all the same, and dst stays as it was.
- *     src, dst     must be valid for what is converted; in place as the kernel allows.
+ *     format       passed to the kernel. The counts do not depend on it: with a format that no kernel converts they
+ *                  are rewritten all the same, and dst stays as it was.
+ *     src, dst     valid for the bytes that are converted; in place as the kernel allows.
  *     inBytes      in: bytes available in src. Out: bytes not converted; keep them for the next call.
- *     outBytes     in: capacity of dst in bytes. Out: the bytes that the input needs, or, with dst the limit, still
- *                  the capacity. With whole frames on both sides, that is the bytes written.
+ *     outBytes     in: capacity of dst in bytes. Out: the size of the input's output if all of it fits, else the
+ *                  capacity as it was. With whole frames on both sides, these are the bytes written.
  *
  * The accounting, in 32-bit unsigned arithmetic that wraps, x / 0 taken as 0, divisions rounded down:
  *
@@ -26,12 +26,14 @@
  *     capacity   300  ->   900 converted, inBytes 300, outBytes 300
  *     capacity   301  ->   900 converted, inBytes 300, outBytes 301 (300 were written)
  *
- * Offer whole frames, and a capacity of whole frames. A partial frame is counted, but never converted:
+ * WARNING: offer whole frames, and a capacity of whole frames. A partial frame is counted, but never converted:
  *
- *     at the end of the input       it counts as converted and is lost, and outBytes counts its share
- *     at the end of a capacity      it stays unwritten. Where it has outChannels bytes or more (a capacity of 302 in
- *     that is the limit             the example: 906 bytes taken), the input's share of it counts as converted and is
- *                                   lost: the rest of the input begins inside a frame, its channels displaced
+ *     at the end of the input       it counts as converted and is lost, and outBytes counts its share: half a frame
+ *                                   (6 bytes) alone gives inBytes 0 and outBytes 2, with nothing written; so keep it
+ *                                   and offer it with the rest of its frame
+ *     at the end of the capacity,   it is not written. If it has outChannels bytes or more (a capacity of 302: 906
+ *     if less than the input needs  bytes taken), its share of the input counts as converted and is lost: the rest of
+ *                                   the input begins inside a frame, its channels displaced
  *
  * The kernels take signed 32-bit counts. With 2^31 channels or more on a side, with 2^31 bytes to convert, or with an
  * upmix to 2^31 bytes, the counts are rewritten as always and nothing is written: offer smaller blocks.

@@ -7,9 +7,9 @@
  *     dst          output block. Exactly the output frames are written: no byte before, between or after them.
  *     dstChannels  channels per output frame.
  *     src          input block. At most the whole input frames are read.
- *     srcChannels  channels per input frame. 1 to 8 are the usual ones; more work too, with the same results, as long
- *                  as a frame's sum fits in 32 bits, beyond which it wraps: 24-bit folds of up to 181 channels,
- *                  24-bit averages of 256, 16-bit folds of 46336, 16-bit averages of 65536. 32-bit sums always fit.
+ *     srcChannels  channels per input frame, usually 1 to 8. More follow the same formulas as long as a frame's sum
+ *                  fits in 32 bits, beyond which it wraps: 24-bit folds up to 180 channels, 24-bit averages up to
+ *                  256, 16-bit folds up to 46335, 16-bit averages up to 65536. 32-bit sums always fit.
  *     byteCount    input bytes. frames = byteCount / sample bytes / srcChannels, each division rounded down; a
  *                  partial frame at the end is ignored.
  *     format       sample format of both blocks: KES_PCM_S16, KES_PCM_S32, KES_PCM_Q8_24 or KES_PCM_S24_PACKED.
@@ -23,8 +23,8 @@
  *
  * In place: a downmix may have dst == src when an output frame is no longer than an input frame; an upmix may have
  * dst == src, or dst any number of bytes after src in one buffer, when the buffer is large enough for the output. The
- * result is that of separate blocks. Other overlaps are not supported unless the function says so. Upmixes of
- * separate blocks are the faster ones.
+ * result is that of separate blocks. Other overlaps are not supported unless the function says so. Upmixes are faster
+ * between separate blocks.
  *
  * Arithmetic: a product with a gain is shifted right arithmetically, so it rounds towards minus infinity, each term
  * before it is added. Averages divide rounding towards zero. Results are clamped to the sample range, not wrapped
@@ -35,8 +35,8 @@
  * such peaks, convert to 8.24 first, mix there (8.24 has 42 dB of headroom), and bring the result to 16 bits by the
  * bit converter's limiter.
  *
- * The one gain is 46346 / 2^15 = 1.41437 (+3.01 dB), below written g(x) = (x * 46346) >> 15. It is not 46341, the
- * nearest to the square root of two: 46346 is part of the contract.
+ * All mixes have one gain, 46346 / 2^15 = 1.41437 (+3.01 dB), below written g(x) = (x * 46346) >> 15. It is not
+ * 46341, the nearest to the square root of two: 46346 is part of the contract.
  */
 #ifndef KESAUDIO_CHANNEL_KERNELS_H
 #define KESAUDIO_CHANNEL_KERNELS_H
@@ -109,8 +109,8 @@ KESAUDIO_API void channel_UpMix_WithZero(void* dst, int32_t dstChannels, const v
                                          int32_t byteCount, PcmFormat format);
 
 /** Repeats the input channels in turn: output channel j is input channel j mod srcChannels, bit for bit.
- * Writes frames * dstChannels * sample bytes; nothing when that would be 2^31 bytes or more. dstChannels below
- * srcChannels takes the first dstChannels channels, in separate blocks only. */
+ * Writes frames * dstChannels * sample bytes; nothing when that would be 2^31 bytes or more. With dstChannels below
+ * srcChannels it keeps the first dstChannels channels, in separate blocks only. */
 KESAUDIO_API void channel_UpMix_Duplicate(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
                                           int32_t byteCount, PcmFormat format);
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /** @file
- * Everything that kesaudio offers. */
+ * Includes every public header. */
 #ifndef KESAUDIO_KESAUDIO_H
 #define KESAUDIO_KESAUDIO_H
 

@@ -23,43 +23,43 @@
  * @endcode
  *
  * Two variants share the record: the plain one (Open, Reset, Process) and the multichannel one (MultiChannel_Open,
- * MultiChannel_ResetBuffer, MultiChannel_Process), which wants equal channel counts. The record does not remember
- * which one opened it: use the operations of one variant between an open and its Close. Close, SetParameter and
+ * MultiChannel_ResetBuffer, MultiChannel_Process), which requires equal channel counts. The record does not remember
+ * which variant opened it: use the operations of one variant between an open and its Close. Close, SetParameter and
  * GetParameter serve both.
  *
  * The caller owns the record and the sample blocks. The component owns two work buffers from open to Close (malloc
  * and free), of the sizes that the library asks for. Process allocates once at most, for the first block (see
  * Process). One record is driven by one thread at a time; separate records are independent.
  *
- * It logs under the tag "KesAudioSrcInC": debug lines on the way in and out of most operations, and errors.
+ * It logs under the tag "KesAudioSrcInC": debug lines on entry to and return from most operations, and errors.
  */
 #ifndef KESAUDIO_RESAMPLER_H
 #define KESAUDIO_RESAMPLER_H
 
 #include <kesaudio/types.h>
 
-/** Sample formats of the resampler, its own codes. The component looks at them for sizes only and hands them to the
- * library.
+/** Sample formats, in the resampler's own codes. The component takes only the sample sizes from them; the library
+ * converts.
  *
  *     value  input         output
  *     0      16-bit        16-bit
  *     1      16-bit        32-bit
  *     2      32-bit        32-bit
- *     3      32-bit words  32-bit words: the library says which; ours takes them as 8.24
+ *     3      32-bit words  32-bit words, of the library's choice; ours takes them as 8.24
  *     4      accepted by SetParameter, but of no known size: Process logs an error and counts in bytes
  */
 typedef uint32_t ResamplerFormat;
 
-/** The values of ResamplerFormat that have a name. */
+/** Named values of ResamplerFormat. */
 enum {
   KES_RESAMPLER_S16 = 0,        /**< 2 bytes a sample */
   KES_RESAMPLER_S16_TO_S32 = 1, /**< 2 bytes in, 4 out */
   KES_RESAMPLER_S32 = 2,        /**< 4 bytes */
   KES_RESAMPLER_Q8_24 = 3,      /**< 4 bytes */
-  KES_RESAMPLER_MAX_FORMAT = 4  /**< the last one that SetParameter takes */
+  KES_RESAMPLER_MAX_FORMAT = 4  /**< the highest that SetParameter takes */
 };
 
-/** What the library is told of the stream: five words, 20 bytes, no padding. */
+/** Description of the stream for the library: five words, 20 bytes, no padding. */
 typedef struct SrcParam {
   uint32_t inSampleRate;  /**< Hz */
   uint32_t inChannels;    /**< per input frame */
@@ -84,12 +84,12 @@ typedef struct KesAudioSrcInC KesAudioSrcInC;
 struct KesAudioSrcInC {
   /** KES_STATE_CLOSED: stores value into the field of the ID; KES_BAD_PARAMETER, and nothing is stored, for a format
    * above 4 or an ID that is not in the list. KES_STATE_OPEN: only the output rate can change; it is stored and
-   * handed to the library, which applies it from the next block on; any other ID gives KES_REFUSED. Whether the
-   * library takes the rate is not looked at: mParam holds the new one in any case. Either open replaces all five. */
+   * handed to the library, which applies it from the next block on; any other ID gives KES_REFUSED. The library's
+   * answer is ignored: mParam holds the new rate even if the library refuses it. Either open replaces all five. */
   uint32_t (*SetParameter)(KesAudioSrcInC* handle, int32_t paramID, uint32_t value);
 
-  /** For the log alone. Any state: logs the field's value, which goes nowhere else. KES_BAD_PARAMETER for an ID that
-   * is not in the list. */
+  /** Any state: logs the field's value, and returns it nowhere. KES_BAD_PARAMETER for an ID that is not in the
+   * list. */
   uint32_t (*GetParameter)(KesAudioSrcInC* handle, int32_t paramID);
 
   /** KES_STATE_OPEN: has the library forget the stream so far. KES_REFUSED in KES_STATE_CLOSED. */
@@ -107,12 +107,13 @@ struct KesAudioSrcInC {
 
   /** Resamples a block.
    *
-   *     src, inBytes    in: bytes available. Out: what the library leaves there, the bytes that it did not consume.
+   *     src, inBytes    in: bytes available. Out: bytes that the library did not consume; offer them again. Ours
+   *                     never consumes part of a frame.
    *     dst, outBytes   in: capacity of dst. Out: bytes in dst.
    *
    * A dst of kes_resampler_max_output bytes takes all of the output; with less, our library leaves input, which the
-   * caller offers again. The blocks may have any address and must not overlap. The last output of a stream comes out
-   * when silence is fed behind it, as much as the library's latency is.
+   * caller offers again. The blocks may have any address and must not overlap. To get the last output of a stream,
+   * feed silence after it, as long as the library's latency.
    *
    * The first block since the initialisation (not since an open or a Reset) is made as long as the input is at the
    * output rate: the library's output, shorter by its latency, is moved to the end of
@@ -125,15 +126,14 @@ struct KesAudioSrcInC {
    * WARNING: the alignment holds for a first block of less than 2^32 / (outSampleRate * outChannels) bytes, half of
    * that for format 1: 44739 bytes at 48 kHz stereo. Beyond it the product wraps and the padding is too short or
    * none. Offer a small first block. Offer an empty one (inBytes 0) for no alignment at all: it is never padded, and
-   * counts as the first. Close and Open do not have the next block aligned again; initialise the closed record anew
-   * for that.
+   * counts as the first. Part of a frame alone counts as the first, too, and makes silence alone. Close and Open
+   * do not have the next block aligned again; initialise the closed record anew for that.
    *
-   * Every block whose expected size, calculated likewise, is above the capacity logs an error, also where the
-   * capacity is just a few frames short and nothing is lost: kes_resampler_max_output says how much room to give.
+   * Every block whose size by this formula is above the capacity logs an error, even if the capacity is only a few
+   * frames short and nothing is lost: give as much room as kes_resampler_max_output says.
    *
-   * Returns KES_OK; or KES_REFUSED in KES_STATE_CLOSED (nothing changes) or when the memory for moving the first
-   * block can't be had (its output stays unpadded and the next block counts as the first). Pointers and counts are
-   * not checked. */
+   * Returns KES_OK; or KES_REFUSED in KES_STATE_CLOSED (nothing changes) or without memory for moving the first block
+   * (its output stays unpadded and the next block counts as the first). Pointers and counts are not checked. */
   uint32_t (*Process)(KesAudioSrcInC* handle, const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes);
 
   /** As Open, for as many output as input channels: KES_REFUSED, and nothing is stored, for any others. */
@@ -151,7 +151,7 @@ struct KesAudioSrcInC {
   uint32_t mInternalBufSize; /**< bytes, likewise */
   void* mpTempBuf;           /**< scratch for every block; null when there is none */
   void* mpInternalBuf;       /**< the library's memory of the stream; null when there is none */
-  SrcParam mParam;           /**< the stream, as the last open or SetParameter stored it */
+  SrcParam mParam;           /**< the stream, as last set by an open or SetParameter */
   void* mpResampler;         /**< the library's instance, null until its open stores one */
   ComponentState mState;     /**< changed by the opens and Close alone */
   uint32_t mFirstBlockDone;  /**< 0 until a first block was processed, then 1; only the initialisation clears it */
@@ -163,8 +163,8 @@ KESAUDIO_API void InitKesAudioSrcInC(KesAudioSrcInC* handle);
 
 /** A capacity in bytes that takes all output of a block of inBytes: the input's frames at the output rate, rounded
  * up, and one frame more. That holds for our library, except for the first block after SetParameter raised the output
- * rate, which can have 38 * new / old rate frames more; a device's may hold back more and give it later. 0 for a format
- * above 3, a count or input rate of 0, or 2^32 bytes or more. param may be a record's mParam. Any thread. */
+ * rate, which can have 38 * new / old rate frames more; a device's may hold back more and give it later. 0 for a
+ * format above 3, a count or input rate of 0, or 2^32 bytes or more. param may be a record's mParam. Any thread. */
 KESAUDIO_API uint32_t kes_resampler_max_output(const SrcParam* param, uint32_t inBytes);
 
 #endif

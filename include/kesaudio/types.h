@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /** @file
- * Words that every component shares: sample formats, channel layouts, component states, return codes.
+ * Shared by every component: sample formats, channel layouts, component states, return codes.
  *
  * They are 32-bit integers with named values, not enumeration types, because values without a name are legal
  * everywhere: each function says what it does with them.
@@ -27,17 +27,17 @@
  *     3      signed 32-bit                     4      -2147483648 .. 2147483647
  *     4      8.24 fixed point in 32 bits       4      as 3: the channel kernels treat 4 exactly like 3
  *     6      signed 24-bit, packed             3      -8388608 .. 8388607, least significant byte first
- *     5      32-bit float                      4      no kernel converts it: the destination stays as it was
- *     other                                           as 5
+ *     5      32-bit float                      4      not converted: the destination stays as it was
+ *     other                                           not converted either
  */
 typedef uint32_t PcmFormat;
 
-/** The values of PcmFormat that have a name. */
+/** Named values of PcmFormat. */
 enum {
   KES_PCM_S16 = 1,       /**< signed 16-bit */
   KES_PCM_S32 = 3,       /**< signed 32-bit */
   KES_PCM_Q8_24 = 4,     /**< 8.24 fixed point: full scale is 2^24, the rest is headroom */
-  KES_PCM_FLOAT = 5,     /**< 32-bit float, which no kernel converts */
+  KES_PCM_FLOAT = 5,     /**< 32-bit float, not converted by any kernel */
   KES_PCM_S24_PACKED = 6 /**< signed 24-bit in 3 bytes */
 };
 
@@ -47,8 +47,8 @@ enum {
  */
 typedef uint32_t ChannelMask;
 
-/** Positions; and layouts: the two that say that none is in force, mono and stereo, then those that have a stereo mix
- * of their own. */
+/** Channel positions, then layouts: two values for no layout, mono, stereo, and the layouts with a stereo mix of
+ * their own. */
 enum {
   KES_CHANNEL_FRONT_LEFT = 0x1,    /**< FL */
   KES_CHANNEL_FRONT_RIGHT = 0x2,   /**< FR */
@@ -58,8 +58,8 @@ enum {
   KES_CHANNEL_BACK_RIGHT = 0x20,   /**< BR */
   KES_CHANNEL_BACK_CENTER = 0x100, /**< BC */
 
-  KES_LAYOUT_NONE = 0,         /**< differs from the next in one place: mixing down to one channel, it averages */
-  KES_LAYOUT_UNKNOWN = 0xFFFF, /**< there it folds */
+  KES_LAYOUT_NONE = 0,         /**< no layout; a downmix to one channel averages */
+  KES_LAYOUT_UNKNOWN = 0xFFFF, /**< no layout; a downmix to one channel folds */
 
   KES_LAYOUT_MONO = 0x1,          /**< FL */
   KES_LAYOUT_STEREO = 0x3,        /**< FL FR */

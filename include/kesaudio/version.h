@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /** @file
- * The one home of the version: the build and the packages read it from here. */
+ * The version. The build and the packages read it from this file. */
 #ifndef KESAUDIO_VERSION_H
 #define KESAUDIO_VERSION_H
 
 #include <kesaudio/types.h>
 
-/** Raised by a release that callers may have to change for. */
+/** Raised when callers may have to change their code. */
 #define KESAUDIO_VERSION_MAJOR 0
-/** Raised by one that only adds. */
+/** Raised when functions or constants are added. */
 #define KESAUDIO_VERSION_MINOR 1
-/** Raised by one that only corrects. */
+/** Raised when only faults are corrected. */
 #define KESAUDIO_VERSION_PATCH 0
 
 /** The same as one number that grows with every release, e.g. 10203 for 1.2.3. */
