@@ -7,10 +7,10 @@
 
 namespace kesaudio {
 
-// Four samples a block from 12 bytes each, each times 256 plus a low byte of no meaning: a lane gets its sample in
-// the upper three bytes, to be shifted down. Reads 16 bytes a block.
+// Table that puts the four packed samples of a block into the upper three bytes of its lanes, to be shifted down.
 inline constexpr Byte kUnpack24[16] = {255, 0, 1, 2, 255, 3, 4, 5, 255, 6, 7, 8, 255, 9, 10, 11};
 
+// Four samples a block from 12 bytes each. Reads 16 bytes a block.
 KESAUDIO_INLINE I32x loadPacked24(const Byte* p) {
   if constexpr (kHasByteShuffle) return (I32x)permute(loadBlocks<U8x>(p, 12), broadcastLoad(kUnpack24)) >> 8;
   I32x x = {};
@@ -30,7 +30,7 @@ KESAUDIO_INLINE void storePacked24(Byte* p, I32x x) {
   for (int i = 0; i < 4; ++i) S24::store(p + 3 * i, x[i]);
 }
 
-// The same, and no byte more: the last block as 8 bytes and 4.
+// The same without a byte beyond: the last block as 8 bytes and 4.
 KESAUDIO_INLINE void storePacked24Exactly(Byte* p, I32x x) {
   if constexpr (!kHasByteShuffle) return storePacked24(p, x);
   const U8x packed = packed24(x);

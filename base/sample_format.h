@@ -44,7 +44,7 @@ struct S24 {
   static constexpr std::int32_t kBytes = 3;
   static constexpr std::int32_t kMin = -(1 << 23), kMax = (1 << 23) - 1;
   static std::int32_t load(const Byte* p) {
-    // Into the upper three bytes, so that the shift back extends the sign.
+    // Assembled in the upper three bytes: the shift back extends the sign.
     const std::uint32_t top = std::uint32_t{p[0]} << 8 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 24;
     return static_cast<std::int32_t>(top) >> 8;
   }

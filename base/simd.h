@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Vectors of integer lanes on 64-bit Arm (NEON) and x86-64 (SSE2, SSE4.1, AVX2). Lanes are added, subtracted, shifted
 // and compared by the compilers' operators; simd_neon.h and simd_x86.h hold every other operation, under one name on
-// both machines; elsewhere only kBlocks, kHasByteShuffle and kHasSaturatingAdd32 tell machines apart.
+// both machines. Code outside these three files tells machines apart by their constants alone (kBlocks, kStrides,
+// kHasByteShuffle, kHasSaturatingAdd32).
 //
-// A vector is kBlocks blocks of 16 bytes: one, or with AVX2 two. AVX2 shuffles inside a block only, so the blocks go
-// side by side through different frames: shuffles, zips and narrowing below work on each block for itself.
+// A vector is kBlocks blocks of 16 bytes: one, or with AVX2 two. AVX2 shuffles inside a block only, so each block
+// holds frames of its own: the shuffles, zips and narrowing below treat every block by itself.
 #ifndef KESAUDIO_BASE_SIMD_H
 #define KESAUDIO_BASE_SIMD_H
 
@@ -16,10 +17,10 @@
 
 #include "base/sample_format.h"
 
-// Vectors pass between functions of one file only, so no other object can disagree about how.
+// GCC warns that passing vectors depends on the target's options. Ours are passed inside one file only.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-// A call left standing would send its vectors through memory.
+// Forced inline: a call would pass its vectors through memory.
 #define KESAUDIO_INLINE [[gnu::always_inline]] inline
 #define KESAUDIO_INLINED __attribute__((always_inline))  // of a lambda
 
@@ -52,16 +53,15 @@ KESAUDIO_INLINE void store(Byte* p, Vector x) {
   std::memcpy(p, &x, sizeof x);
 }
 
-// body(0), body(1) ... body(kCount - 1), each with its number as a constant, so that arrays of vectors stay in
-// registers.
+// Calls body(0) to body(kCount - 1) with compile-time constants, so that arrays of vectors stay in registers.
 template <int kCount, class Body>
 KESAUDIO_INLINE void unrolled(Body body) {
   [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED { (body(std::integral_constant<int, i>{}), ...); }
   (std::make_integer_sequence<int, kCount>());
 }
 
-// Lanes of x and y in another order, in every block: lane i is lane source(i, n) of the n of x and the n of y after
-// one another.
+// Reorders lanes in every block: lane i of the result is lane source(i, n) of the block's n lanes of x followed by
+// its n lanes of y.
 template <class Vector, class Source>
 KESAUDIO_INLINE Vector shuffle(Vector x, Vector y, Source) {
   constexpr int kLaneBytes = sizeof x[0], kAll = kVectorBytes / kLaneBytes, n = 16 / kLaneBytes;
@@ -84,7 +84,7 @@ KESAUDIO_INLINE Vector shuffle(Vector x, Vector y) {
   });
 }
 
-// Lanes of x and y in turn, from the lower half of each block and from the upper one (ZIP1, ZIP2; UNPCKL, UNPCKH).
+// Alternates lanes of x and y, from the lower and from the upper half of each block (ZIP1, ZIP2; UNPCKL, UNPCKH).
 template <class Vector>
 KESAUDIO_INLINE Vector zipLow(Vector x, Vector y) {
   return shuffle(x, y, [](int i, int n) { return i / 2 + i % 2 * n; });
@@ -120,7 +120,7 @@ KESAUDIO_INLINE Vector maximum(Vector x, Vector y) {
   return x < y ? y : x;
 }
 
-// Where each byte of a vector comes from.
+// Index of the source byte for each byte of a vector; kSilent makes it 0.
 inline constexpr Byte kSilent = 255;
 struct ByteTable {
   Byte bytes[kVectorBytes] = {};
@@ -142,7 +142,7 @@ struct ByteTable {
 
 namespace kesaudio {
 
-// Takes kCount elements of 64 bits apart: element i of every group of kCount in m, to x[i], block by block.
+// Deinterleaves 64-bit elements, block by block: x[i] gets element i of every group of kCount in m.
 template <int kCount>
 KESAUDIO_INLINE void deinterleave(const I64x (&m)[kCount], I64x (&x)[kCount]) {
   if constexpr (kCount == 1) {

@@ -11,31 +11,31 @@ inline constexpr bool kHasByteShuffle = true;  // permute
 
 // ---- moves
 
-// 16 bytes from p; vectors of two blocks take the second one from p + second.
+// Loads 16 bytes from p; in vectors of two blocks, the second block from p + second.
 template <class Vector>
 KESAUDIO_INLINE Vector loadBlocks(const Byte* p, std::ptrdiff_t /*second*/) {
   return (Vector)vld1q_u8(p);
 }
 
-// 16 bytes to p; vectors of two blocks put the second one to p + second.
+// Stores 16 bytes to p; in vectors of two blocks, the second block to p + second.
 template <class Vector>
 KESAUDIO_INLINE void storeBlocks(Byte* p, std::ptrdiff_t /*second*/, Vector x) {
   vst1q_u8(p, (uint8x16_t)x);
 }
 
-// 16 bytes from p in every block.
+// Loads 16 bytes from p into every block.
 KESAUDIO_INLINE U8x broadcastLoad(const Byte* p) { return (U8x)vld1q_u8(p); }
 
-// TBL: byte table[i] of the block, 0 where the table has 128 or more.
+// TBL: byte i of the result is byte table[i] of the block, or 0 if table[i] is 128 or more.
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) { return (U8x)vqtbl1q_u8((uint8x16_t)x, (uint8x16_t)table); }
 
-// Windows of memory, permuted by tables: an entry is the number of a window byte, or kSilent, which gives 0.
+// A window of memory, whose bytes a table permutes: an entry is the index of a window byte, or kSilent for 0.
 struct ShortWindow {
   static constexpr int kBytes = 16;
   using Table = ByteTable;
   using Indexes = U8x;  // a table in registers
   KESAUDIO_INLINE static Indexes load(const Table& table) { return kesaudio::load<U8x>(table.bytes); }
-  // Whether a vector can be made of these window bytes.
+  // True if one vector can be made of these window bytes.
   static constexpr bool reaches(const Byte* /*sources*/) { return true; }
   U8x bytes;
   KESAUDIO_INLINE explicit ShortWindow(const Byte* p) : bytes(kesaudio::load<U8x>(p)) {}
@@ -59,8 +59,8 @@ KESAUDIO_INLINE Value opaque(Value x) {
   return x;
 }
 
-// Multiples of a stride in registers. Left to themselves the compilers reach each frame by an addition to the last
-// one's address, where a load or store adds a register for nothing.
+// Multiples of a stride, kept in registers for the base-plus-index addresses of loads and stores. Without opaque()
+// the compilers add the stride to an address before each access.
 template <int kCount>
 struct Strides {
   std::ptrdiff_t multiples[kCount];
@@ -69,7 +69,7 @@ struct Strides {
   }
   KESAUDIO_INLINE std::ptrdiff_t operator[](int i) const { return multiples[i]; }
 };
-inline constexpr int kStrides = 8;  // eight for input and eight for output fit the registers
+inline constexpr int kStrides = 8;  // eight for the input and eight for the output fit into the registers
 
 // ST1: stores kCount vectors side by side.
 template <int kCount>
@@ -88,13 +88,13 @@ KESAUDIO_INLINE void storeAll(Byte* p, const U8x (&x)[kCount]) {
   }
 }
 
-// From the order of two vectors that were unzipped or narrowed block by block to that of memory.
+// Restores memory order after two vectors were unzipped or narrowed block by block.
 template <class Vector>
 KESAUDIO_INLINE Vector undoBlockOrder(Vector x) {
   return x;
 }
 
-// LD2, LD3, LD4: frames of kCount elements (pairs of samples here), one vector for each element.
+// LD2, LD3, LD4: loads frames of kCount elements (here pairs of samples), one vector for each element.
 template <class Vector, int kCount, class Loaded>
 KESAUDIO_INLINE void take(const Loaded& loaded, Vector (&x)[kCount]) {
   unrolled<kCount>([&](auto i) KESAUDIO_INLINED { x[i] = (Vector)loaded.val[i]; });
@@ -116,7 +116,7 @@ KESAUDIO_INLINE void loadElements(const Byte* p, I64x (&x)[kCount]) {
   if constexpr (kCount == 4) take(vld4q_s64(from), x);
 }
 
-// LD2: the sides of stereo frames, in the order of unzipEven and unzipOdd.
+// LD2: loads the sides of stereo frames, in the order of unzipEven and unzipOdd.
 KESAUDIO_INLINE void loadSides(const Byte* p, I16x& left, I16x& right) {
   const auto loaded = vld2q_s16(reinterpret_cast<const std::int16_t*>(p));
   left = (I16x)loaded.val[0], right = (I16x)loaded.val[1];
@@ -126,8 +126,9 @@ KESAUDIO_INLINE void loadSides(const Byte* p, I32x& left, I32x& right) {
   left = (I32x)loaded.val[0], right = (I32x)loaded.val[1];
 }
 
-// LD3: frames of three samples, as many as two vectors hold pairs, as the two sides and the third sample for each of
-// them; ST2 stores the sides of stereo frames. Here a side is a channel.
+// LD3: loads frames of three samples, as many as two vectors hold stereo frames: sides[i] has the first two samples
+// of the frames, third[i] the third one for each lane of sides[i]. ST2 stores two such vectors as stereo frames. On
+// Arm they are left and right.
 KESAUDIO_INLINE void loadTriples(const Byte* p, I16x (&sides)[2], I16x (&third)[2]) {
   const auto loaded = vld3q_s16(reinterpret_cast<const std::int16_t*>(p));
   sides[0] = (I16x)loaded.val[0], sides[1] = (I16x)loaded.val[1], third[0] = third[1] = (I16x)loaded.val[2];
@@ -164,7 +165,7 @@ inline constexpr bool kHasSaturatingAdd32 = true;  // in one instruction
 KESAUDIO_INLINE I16x saturatingAdd(I16x x, I16x y) { return (I16x)vqaddq_s16((int16x8_t)x, (int16x8_t)y); }
 KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) { return (I32x)vqaddq_s32((int32x4_t)x, (int32x4_t)y); }
 
-// SADDL2, SADDW2: the upper halves widened and added. From the intrinsics clang 14 would take the halves out first.
+// SADDL2, SADDW2: widens and adds the upper halves. For the intrinsics clang 14 extracts the halves first.
 KESAUDIO_INLINE int64x2_t addUpperHalves(int32x4_t x, int32x4_t y) {
   int64x2_t sum;
   __asm__("saddl2 %0.2d, %1.4s, %2.4s" : "=w"(sum) : "w"(x), "w"(y));
@@ -200,7 +201,7 @@ KESAUDIO_INLINE I16x saturateNarrow(I32x x, I32x y) {
   return (I16x)vqmovn_high_s32(vqmovn_s32((int32x4_t)x), (int32x4_t)y);
 }
 
-// UZP1: the same of lanes that fit.
+// UZP1: the same for lanes that fit into 16 bits.
 KESAUDIO_INLINE I16x narrow(I32x x, I32x y) { return (I16x)vuzp1q_s16((int16x8_t)x, (int16x8_t)y); }
 
 // SADDLP, SADALP: the sum of each pair of lanes, twice as wide; sum + the same.
@@ -222,29 +223,29 @@ KESAUDIO_INLINE I32x averageOfTwo(I32x x, I32x y) {
 
 // ---- averages
 
-// What a division by 2 to 8 multiplies by: floor(2^31 / divisor) + 1. The little that is too much keeps exact
-// quotients from falling below themselves, and is too little to reach the next.
+// Reciprocal for a division by 2 to 8: floor(2^31 / divisor) + 1. The excess keeps exact quotients from being rounded
+// down, and is too small to reach the next integer.
 struct Divisor {
-  std::int32_t factor, times64, by64;  // 64 * divisor and 64: as values, MLS and MLA multiply by them
+  std::int32_t factor, times64, by64;  // by64 = 64, times64 = 64 * divisor: variables, so that MLA and MLS are used
 };
 KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
   return {static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 64 * divisor, 64};
 }
 
-// sum / divisor, rounded towards zero, of at most eight 16- or 24-bit samples: the floor (SQDMULH), and one more
-// below zero (USRA adds the sign bit).
+// sum / divisor, rounded towards zero, for sums of at most eight 16- or 24-bit samples: the floor (SQDMULH), plus one
+// if negative (USRA adds the sign bit).
 KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
   const I32x floor = scaleQ31(sum, by.factor);
   return (I32x)vsraq_n_u32((uint32x4_t)floor, (uint32x4_t)floor, 31);
 }
 KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) { return divide(sum, by); }
 
-// Sums of at most eight 32-bit samples, so of 34 bits and a sign.
+// Sums of at most eight 32-bit samples: 34 bits and a sign.
 struct WideSums {
   I64x low, high;
 };
 KESAUDIO_INLINE WideSums operator+(WideSums x, WideSums y) { return {x.low + y.low, x.high + y.high}; }
-// The lanes widened to 64 bits as above.
+// The same as for 16 bits: lanes widened to 64 bits.
 KESAUDIO_INLINE WideSums widenAndAdd(I32x x, I32x y) {
   const auto a = (int32x4_t)x, b = (int32x4_t)y;
   return {(I64x)vaddl_s32(vget_low_s32(a), vget_low_s32(b)), (I64x)addUpperHalves(a, b)};
@@ -257,8 +258,8 @@ KESAUDIO_INLINE WideSums addPairs(I32x x, I32x y) {
   return {(I64x)vpaddlq_s32((int32x4_t)x), (I64x)vpaddlq_s32((int32x4_t)y)};
 }
 
-// sums / divisor, rounded towards zero. A first quotient of sum / 64, of few enough bits to be exact, leaves a rest
-// below 64 * divisor, whose quotient is exact as above; a negative sum is rounded up as floor((rest - 1) / divisor)
+// sums / divisor, rounded towards zero, in two steps. sum / 64 fits in 32 bits; 64 times its quotient leaves a rest
+// below 64 * divisor, whose quotient is exact as above. A negative sum is rounded up as floor((rest - 1) / divisor)
 // + 1.
 KESAUDIO_INLINE I32x divide(WideSums sum, Divisor by) {
   const int32x4_t top = vshrn_high_n_s64(vshrn_n_s64((int64x2_t)sum.low, 6), (int64x2_t)sum.high, 6);

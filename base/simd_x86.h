@@ -48,7 +48,7 @@ KESAUDIO_INLINE void storeBlocks(Byte* p, [[maybe_unused]] std::ptrdiff_t second
 
 KESAUDIO_INLINE U8x broadcastLoad(const Byte* p) { return loadBlocks<U8x>(p, 0); }
 
-// PSHUFB takes four bits of an index, and makes 0 of 128 and more.
+// PSHUFB: an index of 128 or more gives 0; of others the low four bits count.
 #if defined(__SSE4_1__)
 inline constexpr bool kHasByteShuffle = true;
 KESAUDIO_INLINE U8x permute(U8x x, U8x table) {
@@ -60,7 +60,7 @@ inline U8x permute(U8x x, U8x) { return x; }
 #endif
 
 #if defined(__AVX2__)
-// A vector takes its bytes from 16 of the window's, which VBROADCASTI128 loads into both blocks.
+// Each vector takes its bytes from 16 neighbours in the window, which VBROADCASTI128 loads into both blocks.
 struct ShortWindow {
   static constexpr int kBytes = 32;
   static constexpr Byte first(const Byte* sources) {
@@ -107,7 +107,7 @@ struct ShortWindow {
 };
 #endif
 
-// Two lookups, of which each finds 128 or more for the bytes of the other half.
+// Two PSHUFBs, one for each half of the window: an index into the other half is 128 or more there and gives 0.
 struct LongWindow {
   static constexpr int kBytes = 32;
   using Table = ByteTable;
@@ -195,8 +195,8 @@ KESAUDIO_INLINE void loadSides(const Byte* p, Vector& left, Vector& right) {
   left = unzipEven(first, second), right = unzipOdd(first, second);
 }
 
-// Here a side is one half of the frames, left and right in turn. A block's frames are in two loads of 16 bytes, the
-// second of which ends with them.
+// On x86-64 the two vectors of stereo frames are the first and the second half of the frames, left and right in turn.
+// A block's frames are in two loads of 16 bytes, the second of which ends with them.
 KESAUDIO_INLINE void loadTriples(const Byte* p, I16x (&sides)[2], I16x (&third)[2]) {
   for (int half = 0; half < 2; ++half, p += 24 * kBlocks) {
     const I16x a = loadBlocks<I16x>(p, 24), b = loadBlocks<I16x>(p + 8, 24);
@@ -225,13 +225,13 @@ KESAUDIO_INLINE I16x scaleQ15(I16x x, std::int16_t factor) {
                                          KESAUDIO_X86(set1_epi16)(static_cast<std::int16_t>(2 * factor)));
 }
 
-// Of each pair of 16-bit lanes x0, x1: x0 * weight0 + x1 * weight1 (PMADDWD).
+// PMADDWD: x0 * weight0 + x1 * weight1 of each pair of 16-bit lanes x0, x1.
 KESAUDIO_INLINE I32x multiplyAddPairs(I16x x, std::int16_t weight0, std::int16_t weight1) {
   const auto weights = static_cast<std::uint16_t>(weight0) | static_cast<std::uint32_t>(weight1) << 16;
   return (I32x)KESAUDIO_X86(madd_epi16)((Register)x, KESAUDIO_X86(set1_epi32)(static_cast<std::int32_t>(weights)));
 }
 
-// From the halves of a lane, high * 2^16 + low.
+// Multiplies the two halves of a lane, high * 2^16 + low, separately: PMADDWD and PMULHUW.
 KESAUDIO_INLINE I32x scaleQ15(I32x x, std::int16_t factor) {
   const auto doubled = static_cast<std::int16_t>(2 * factor);
   return multiplyAddPairs((I16x)x, 0, doubled) +
@@ -253,7 +253,7 @@ KESAUDIO_INLINE I32x saturatingAdd(I32x x, I32x y) {
   const auto sum = (I32x)((U32x)x + (U32x)y);
   return selectNegative((sum ^ x) & (sum ^ y), (x >> 31) ^ INT32_MAX, sum);
 }
-// First the term whose sign may differ from x's, whose sum cannot leave 32 bits, then the other.
+// Adds first the term that may have the other sign than x: opposite signs cannot overflow.
 KESAUDIO_INLINE I32x saturatingSum(I32x x, I32x y, I32x z) {
   const I32x less = minimum(y, z), more = maximum(y, z);
   return saturatingAdd(saturatingAdd(x, selectNegative(x, more, less)), selectNegative(x, less, more));
@@ -278,7 +278,7 @@ KESAUDIO_INLINE I32x addPairs(I32x sum, I16x x) { return sum + addPairs(x); }
 
 KESAUDIO_INLINE I32x addAdjacent(I32x x, I32x y) { return unzipEven(x, y) + unzipOdd(x, y); }
 
-// The floor, (x & y) + (x ^ y) / 2, and the bit it drops where it is below zero.
+// The floor, (x & y) + (x ^ y) / 2, plus the bit that it drops if negative.
 template <class Vector>
 KESAUDIO_INLINE Vector averageOfTwo(Vector x, Vector y) {
   const Vector down = (x & y) + ((x ^ y) >> 1);
@@ -287,8 +287,8 @@ KESAUDIO_INLINE Vector averageOfTwo(Vector x, Vector y) {
 
 // ---- averages
 
-// What a division by 2 to 8 multiplies by: a little more than 1 / divisor, so that exact quotients do not fall below
-// themselves however a thread rounds its floating-point numbers, and too little to reach the next quotient.
+// Reciprocal for a division by 2 to 8: slightly more than 1 / divisor, so that exact quotients are not rounded down
+// in any floating-point rounding mode, and too little to reach the next integer.
 struct Divisor {
   float small;
   std::int32_t factor;  // times 2^-31
@@ -299,12 +299,12 @@ KESAUDIO_INLINE Divisor makeDivisor(int divisor) {
           static_cast<std::int32_t>(0x80000000u / static_cast<unsigned>(divisor)) + 1, 1.0 / divisor * (1 + 0x1p-45)};
 }
 
-// The sum of at most eight 16-bit samples.
+// For sums of at most eight 16-bit samples.
 KESAUDIO_INLINE I32x divideSmall(I32x sum, Divisor by) {
   return __builtin_convertvector(__builtin_convertvector(sum, F32x) * by.small, I32x);
 }
 
-// Two doubles to a 32-bit lane each, rounded towards zero.
+// CVTTPD2DQ: doubles to 32-bit lanes, rounded towards zero.
 #if defined(__AVX2__)
 KESAUDIO_INLINE __m128i truncate(F64x x) { return _mm256_cvttpd_epi32((DoubleRegister)x); }
 KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm256_set_m128i(high, low); }
@@ -317,7 +317,7 @@ KESAUDIO_INLINE I32x joinHalves(__m128i low, __m128i high) { return (I32x)_mm_un
 KESAUDIO_INLINE I32x interleaveHalves(__m128i even, __m128i odd) { return (I32x)_mm_unpacklo_epi32(even, odd); }
 #endif
 
-// Of at most eight 24-bit samples.
+// For sums of at most eight 24-bit samples.
 KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
 #if defined(__SSE4_1__)
   // PMULDQ multiplies the even lanes; the floor of a negative quotient, whose factor is too large, is one too low.
@@ -334,8 +334,8 @@ KESAUDIO_INLINE I32x divide(I32x sum, Divisor by) {
 #endif
 }
 
-// Of at most eight 32-bit samples, zero-extended after flipping the sign bit, since there is no arithmetic shift of
-// 64-bit lanes: each sum is too large by `excess`.
+// Sums of at most eight 32-bit samples. They are zero-extended with the sign bit flipped, since 64-bit lanes have no
+// arithmetic shift: each sum is too large by `excess`.
 struct WideSums {
   I64x even, odd;
   std::int64_t excess;
