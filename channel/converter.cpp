@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The channel converter component: a record's state and parameters in front of the entry points.
+// The channel converter component: its record's state and parameters, in front of the entry points (entry.cpp).
 #include "kesaudio/channel_converter.h"
 
 #include "kesaudio/channel_entry.h"

@@ -9,7 +9,8 @@ namespace {
 uint32_t divideOrZero(uint32_t dividend, uint32_t divisor) { return divisor == 0 ? 0 : dividend / divisor; }
 
 // Rewrites the two counts and returns the input bytes to convert. Both sides have the same bytes per channel, so the
-// sample size cancels out. The arithmetic wraps at 32 bits.
+// sample size cancels out. A partial frame at the end of the input counts as converted: kernels ignore it, and it is
+// lost. The arithmetic wraps at 32 bits.
 int32_t takeBytes(uint32_t inChannels, uint32_t outChannels, uint32_t* inBytes, uint32_t* outBytes) {
   const uint32_t available = *inBytes;
   const uint32_t needed = divideOrZero(available, inChannels) * outChannels;

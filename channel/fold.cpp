@@ -14,7 +14,7 @@ using namespace kesaudio::channel;
 
 namespace {
 
-// What a term is shifted by beyond the gain's own 15 bits.
+// Shift of a term beyond the gain's 15 bits.
 template <class Format>
 int extraShift(int32_t srcChannels) {
   if constexpr (!std::is_same_v<Format, S32>) return 0;
@@ -47,7 +47,7 @@ struct Fold {
       mixed[0] = undoBlockOrder(clamp<Format>(addAdjacent(first, second)));
   }
 
-  // Of a pair of 16-bit samples the sum of their terms.
+  // The sum of both terms of each pair of 16-bit samples.
   KESAUDIO_INLINE I32x term(I16x x) const { return addPairs(addPairs(x), scaleQ15(x, kFractionQ15)); }
   KESAUDIO_INLINE I32x add(I32x sum, I16x x) const { return addPairs(addPairs(sum, x), scaleQ15(x, kFractionQ15)); }
   KESAUDIO_INLINE I32x term(I32x x) const {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every kernel does around its arithmetic: the format's type, the count of frames, a plain walk over them.
+// Shared by all kernels: the sample type of a format, the count of frames, a loop over single frames.
 #ifndef KESAUDIO_CHANNEL_FRAMES_H
 #define KESAUDIO_CHANNEL_FRAMES_H
 
@@ -17,7 +17,8 @@ struct Blocks {
   std::int32_t byteCount;
 };
 
-// Calls body with the sample type of the format; not at all for a format that no kernel converts.
+// Calls body with the sample type of the format (S16, S24 or S32), or not at all for a format that no kernel
+// converts.
 template <class Body>
 void withFormat(PcmFormat format, Body body) {
   switch (format) {
@@ -41,15 +42,15 @@ constexpr std::ptrdiff_t frameBytes(std::int32_t channels) {
   return std::ptrdiff_t{channels} * Format::kBytes;
 }
 
-// Calls convert(output frame, input frame) for each frame, first to last: right in place for output frames no longer
-// than the input's.
+// Calls convert(output frame, input frame) for each frame, first to last: correct in place if an output frame is no
+// longer than an input frame.
 template <class Convert>
 void forEachFrame(Byte* dst, std::ptrdiff_t dstBytes, const Byte* src, std::ptrdiff_t srcBytes, std::ptrdiff_t frames,
                   Convert convert) {
   for (; frames > 0; --frames, dst += dstBytes, src += srcBytes) convert(dst, src);
 }
 
-// Whether two ranges of bytes have none in common.
+// True if the two byte ranges do not overlap.
 inline bool disjoint(const Byte* written, std::ptrdiff_t writtenBytes, const Byte* read, std::ptrdiff_t readBytes) {
   const auto a = reinterpret_cast<std::uintptr_t>(written), b = reinterpret_cast<std::uintptr_t>(read);
   return a + static_cast<std::uintptr_t>(writtenBytes) <= b || b + static_cast<std::uintptr_t>(readBytes) <= a;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The gain of the mixes and the clamped sum, of samples in vectors; the scalar steps of folds and averages.
+// The gain and the clamped sum of the mixes, for vectors of samples and, where a frame has too many channels for the
+// vector loops, for single samples.
 //
 //   g(x) = floor(x * 46346 / 2^15) = x + floor(x * 13578 / 2^15)
 #ifndef KESAUDIO_CHANNEL_GAIN_H
@@ -29,8 +30,8 @@ constexpr std::int32_t clamp(std::int64_t value) {
 // x * 46346 / 2^shift, rounded down (an arithmetic shift, not a division). |x| <= 2^31, so the product is below 2^47.
 constexpr std::int64_t scale(std::int32_t x, int shift) { return std::int64_t{x} * kMixGainQ15 >> shift; }
 
-// Adds to a frame's sum in its own width. Frames of very many channels can leave it, 24-bit folds of 182 the first,
-// and wrap: defined, if meaningless.
+// Adds a term to a frame's sum. Sums of very many channels wrap (24-bit folds from 181 channels on); the unsigned
+// addition keeps that defined.
 template <class Sum>
 constexpr Sum addWrapping(Sum sum, std::int64_t term) {
   using Unsigned = std::make_unsigned_t<Sum>;
@@ -50,8 +51,8 @@ KESAUDIO_INLINE I32x clamp(I32x x) {
   return limit(x, Format::kMin, Format::kMax);
 }
 
-// g of a 32-bit sample saturates; x may also be a 24-bit sum, below 2^25. Where there is no saturating addition, x is
-// limited first: g of 1518334790 and of its negative are the ends of the range.
+// g(x): saturated for 32-bit samples; exact for 24-bit samples and their sums below 2^25. Without a saturating
+// addition (x86-64) a 32-bit x is limited first: g of 1518334790 and of its negative are the ends of the range.
 template <class Format>
 KESAUDIO_INLINE I32x gain(I32x x) {
   if constexpr (!std::is_same_v<Format, S32>) return x + scaleQ15(x, kFractionQ15);
@@ -71,7 +72,8 @@ KESAUDIO_INLINE I32x clampedSum(I32x x, I32x y, I32x z) {
   return std::is_same_v<Format, S32> ? saturatingSum(x, y, z) : clamp<Format>(x + y + z);
 }
 
-// g(x) of a 16-bit sample has 17 bits: x and the fraction of it that g adds, of the same sign or 0.
+// g(x) of a 16-bit sample has 17 bits, so it stays in two parts: x, and the fraction of x that g adds, which is 0 or
+// has the sign of x.
 struct Gained {
   I16x x, fraction;
 };

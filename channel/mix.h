@@ -24,8 +24,8 @@ struct MixLoop {
   std::ptrdiff_t frames, in, out;
 };
 
-// Step's operator converts kFrames frames of inBytes() bytes to frames of kOut samples of Step::Format; kTogether
-// steps are made at once, as a loop of few instructions gains from.
+// Step's operator converts kFrames frames of inBytes() bytes to frames of kOut samples of Step::Format. A turn of the
+// loop makes kTogether steps: unrolling speeds up short ones.
 template <class Step>
 [[gnu::noinline]] void runSteps(Byte* dst, const Byte* src, std::ptrdiff_t steps, const MixCall& call) {
   const Step step(call);
@@ -41,9 +41,9 @@ MixLoop loopOf(std::int32_t channels) {
   return {runSteps<Step>, Step::kFrames, Step::inBytes(channels), frameBytes<typename Step::Format>(Step::kOut)};
 }
 
-// A step of a mix of pairs: two halves, each a vector's worth of pairs of channels. With AVX2 a half's first block
-// has its first frames, the second block the rest. Mix is constructed from a MixCall; its operator mixes the pairs of
-// both halves into kOut vectors of samples.
+// A step of a mix of pairs of channels. Its frames are loaded as two halves, each of as many frames as a vector holds
+// pairs. With AVX2 the first block of a vector has the first frames of the half, the second block the rest. Mix is
+// constructed from a MixCall; its operator mixes the pairs of both halves into kOut vectors of samples.
 template <class FormatType, class Mix, class Loader>
 struct PairsStep {
   using Format = FormatType;
@@ -84,22 +84,22 @@ MixLoop loopForChannels(std::int32_t channels) {
 
 // ---- blocks
 
-// Whole steps, then the rest by way of a copy: not a byte outside the frames is touched.
+// Mixes whole steps, then the tail through a copy: no byte outside the frames is touched.
 [[gnu::noinline]] inline void mixFrames(const MixLoop& loop, const MixCall& call, Byte* dst, const Byte* src,
                                         std::ptrdiff_t frames) {
   const std::ptrdiff_t steps = static_cast<std::uint32_t>(frames) / static_cast<std::uint32_t>(loop.frames);
   loop.run(dst, src, steps, call);
   const std::ptrdiff_t done = steps * loop.frames, rest = frames - done;
   if (rest == 0) return;
-  // The longest step is one of eight channels, in any format.
+  // The longest step has eight channels: as many bytes in 16 bits as in 32, fewer in 24.
   Byte from[kStepFrames<S16> * frameBytes<S16>(kMaxMixChannels)] = {}, to[sizeof from];
   std::memcpy(from, src + done * loop.in, static_cast<std::size_t>(rest * loop.in));
   loop.run(to, from, 1, call);
   std::memcpy(dst + done * loop.out, to, static_cast<std::size_t>(rest * loop.out));
 }
 
-// Mixes frames of in bytes to frames of out bytes. Those of other sizes than the loop's go through chunks: missing
-// input channels are silent, surplus ones dropped; fill says what further output channels are.
+// Mixes frames of in bytes to frames of out bytes. Frames of other sizes than the loop's go through chunks on the
+// stack: missing input channels are silent, surplus ones dropped; fill is the content of surplus output channels.
 inline void mixBlock(const MixLoop& loop, const MixCall& call, Byte* dst, std::ptrdiff_t out, const Byte* src,
                      std::ptrdiff_t in, std::ptrdiff_t frames, Fill fill = Fill::kSilence) {
   if (in == loop.in && out == loop.out) return mixFrames(loop, call, dst, src, frames);

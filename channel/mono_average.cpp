@@ -53,7 +53,7 @@ struct Average {
   }
 };
 
-// Of stereo frames of 16 or 32 bits the sides are averaged without their sum.
+// Stereo frames of 16 or 32 bits: averages left and right without a wider sum.
 template <class FormatType>
 struct AverageOfTwo {
   using Format = FormatType;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Moves of whole frames, of any sample size: bytes are never interpreted. Sizes are in bytes a frame.
+// Moves of whole frames, of any sample size: bytes are never interpreted. Sizes are bytes per frame. stripFrames is
+// in strip.cpp, expandFrames in upmix.cpp.
 #ifndef KESAUDIO_CHANNEL_MOVES_H
 #define KESAUDIO_CHANNEL_MOVES_H
 
@@ -7,7 +8,7 @@
 
 namespace kesaudio::channel {
 
-// What the bytes of an output frame beyond those of the input are.
+// Content of the bytes by which an output frame exceeds its input frame.
 enum class Fill { kSilence, kRepeat };
 
 // Keeps the first out bytes of each frame, out < in. Also in place, and onto any place before src.

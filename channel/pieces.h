@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Frames moved as one piece each, of a size of its own: what a piece has beyond its frame, the next frame covers.
+// Moves each frame as one piece, loaded and stored at once. A piece may exceed its frame: the next frame overwrites
+// the surplus.
 #ifndef KESAUDIO_CHANNEL_PIECES_H
 #define KESAUDIO_CHANNEL_PIECES_H
 
@@ -8,11 +9,12 @@
 
 namespace kesaudio::channel {
 
-// Pieces are integers of 2, 4 and 8 bytes and vectors of 16 and 32.
+// Pieces of 2, 4 and 8 bytes are integers, those of 16 and 32 bytes vectors.
 typedef Byte Piece16 __attribute__((vector_size(16)));
 typedef Byte Piece32 __attribute__((vector_size(32)));
 
-// Copies a piece of each frame, with a mask less the bits that this has not; several loads before their stores.
+// Copies one piece of each frame, ANDed with the mask if kMasked; kStrides loads, then their stores. On 64-bit Arm a
+// piece of 16 bytes is one LDR and one STR, with the address and a multiple of the frame size as operands.
 template <class Piece, bool kMasked = false>
 [[gnu::noinline]] void copyPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                   std::ptrdiff_t frames, const Byte* mask = nullptr) {
@@ -33,9 +35,9 @@ template <class Piece, bool kMasked = false>
   for (; frames > 0; --frames) copy(std::make_integer_sequence<int, 1>());
 }
 
-// Calls move(output, input, frames) for disjoint blocks: once, or where these overlap, chunk by chunk from a copy,
-// from the first to the last for shorter frames and from the last to the first for longer ones, so that every frame
-// is read before it is written over. Frames of at most 1024 input bytes.
+// Calls move(output, input, frames) with blocks that do not overlap: the caller's, or, if those overlap, a copy of
+// each chunk of the input. Chunks go from first to last if frames get shorter and from last to first if they get
+// longer, so that every frame is read before it is overwritten. Input frames have at most 1024 bytes.
 template <class Move>
 void moveApart(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames, Move move) {
   if (disjoint(dst, frames * out, src, frames * in)) return move(dst, src, frames);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Frames in memory against vectors of pairs of channels: pairs[p] has channels 2p and 2p + 1 of half a step's frames,
-// left and right in turn.
+// Loads frames as vectors of pairs of channels: pairs[p] has channels 2p and 2p + 1 of half a step's frames, left and
+// right in turn. Stores vectors of samples.
 #ifndef KESAUDIO_CHANNEL_SAMPLES_H
 #define KESAUDIO_CHANNEL_SAMPLES_H
 
@@ -15,8 +15,8 @@ inline constexpr int kStepFrames = (std::is_same_v<Format, S16> ? 8 : 4) * kBloc
 
 // ---- samples side by side in 16 bytes
 
-// Takes a row of samples from 16 bytes a block, beginning with byte `at` of them; only the first `count` sound.
-// Packed samples, four to a row, come out times 256 plus a low byte of no meaning.
+// A row of neighbouring samples in the lanes of a block, taken from byte `at` on of 16 bytes; lanes from `count` on
+// are silent. Packed samples, four to a row, are in the upper three bytes of their lanes; the low byte is undefined.
 template <class Format>
 struct Row {
   static constexpr int kSamples = std::is_same_v<Format, S16> ? 8 : 4, kLaneBytes = 16 / kSamples;
@@ -43,7 +43,7 @@ struct Row {
   }
 };
 
-// A row's samples by their value.
+// Shifts the packed samples of a row down to their values.
 template <class Format>
 KESAUDIO_INLINE Samples<Format> unpacked(Samples<Format> x) {
   if constexpr (std::is_same_v<Format, S24>) return x >> 8;
@@ -69,8 +69,8 @@ struct PairsLoader {
     for (int i = 0; i < kPairs; ++i) pairs[i] = (Samples<Format>)lanes[i];
   }
 };
-// Packed samples come in rows of four, whatever frames these belong to. Rows of the first half read past their end,
-// those of the second before their start, so neither leaves the step.
+// Packed samples are loaded in rows of four, across frames. A row has 12 bytes of the 16 that are read: those of the
+// first half are read from their start on, those of the second half up to their end, so that no read leaves the step.
 template <int kCount>
 struct PairsLoader<S24, kCount> {
   static constexpr int kPairs = kCount;
@@ -88,7 +88,7 @@ struct PairsLoader<S24, kCount> {
 };
 
 // Loads frames of any channel count in kRows rows each: channels that a frame lacks are silent, those beyond the rows
-// are left out. Rows overrun their samples as above.
+// are left out. Rows are read from their start on or up to their end as above.
 template <class Format, int kRows>
 struct RowsLoader {
   static constexpr int kSamples = Row<Format>::kSamples, kPairs = kRows * kSamples / 2;
@@ -121,8 +121,8 @@ struct RowsLoader {
   }
 };
 
-// A packed vector writes up to 4 bytes beyond its samples, which the step's next vector overwrites; the last one
-// writes none.
+// Stores a vector of samples. A packed one writes up to 4 bytes beyond its samples, which the next vector of the step
+// overwrites; the last one writes none.
 template <class Format, bool kIsLast>
 KESAUDIO_INLINE void storeSamples(Byte* p, Samples<Format> x) {
   if constexpr (!std::is_same_v<Format, S24>)

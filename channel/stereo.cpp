@@ -6,6 +6,10 @@
 //   Quad     FL FR BL BR                    s0 + g(s2)               s1 + g(s3)
 //   Mix5_1   FL FR FC LFE BL BR             s0 + g(t) + g(s4)        s1 + g(t) + g(s5),   t = s2 + g(s3), clamped
 //   pairwise n channels                     (s0 + s2 + ...) / n      (s1 + s3 + ...) / n
+//
+// Each mix stands once, for every sample format and machine: Samples<Format> is a vector of 16-bit lanes for S16 and
+// of 32-bit lanes for S24 (packed 24-bit, unpacked by samples.h) and S32 (8.24, too); gain and clampedSum are in
+// gain.h. A new layout is a struct below and its mask in channel_DownMix_To_Stereo.
 #include "channel/mix.h"
 #include "kesaudio/channel_kernels.h"
 
@@ -16,8 +20,8 @@ namespace {
 
 // ---- the layouts' mixes
 //
-// pairs[half][p] holds channels 2p and 2p + 1 of half a step's frames, interleaved. kChannels: channels that the
-// layout names; kPairs: pairs loaded for each frame.
+// pairs[half][p] holds channels 2p and 2p + 1 of half a step's frames, interleaved. kChannels: channels of the
+// layout; kPairs: pairs loaded for each frame.
 
 // clamp(x + g(y))
 template <class Format>
@@ -167,7 +171,7 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     // Packed 24-bit frames are as wide as the caller says; the others are stereo whatever it says.
     const int32_t dstChannels = std::is_same_v<Format, S24> ? blocks.dstChannels : 2;
     if (dstChannels <= 0) return;
-    // Of very wide frames the layout's channels are taken out first.
+    // Frames of more than kMaxMixChannels are cut down to the layout's channels first.
     const int32_t channels = blocks.srcChannels <= kMaxMixChannels ? blocks.srcChannels : Layout<Format>::kChannels;
     mixBlock(loopOfLayout<Format, Layout>(channels), {channels, {}}, blocks.dst, frameBytes<Format>(dstChannels),
              blocks.src, frameBytes<Format>(blocks.srcChannels), frameCount<Format>(blocks));

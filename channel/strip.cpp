@@ -9,8 +9,8 @@
 using namespace kesaudio;
 using namespace kesaudio::channel;
 
-// Copies each frame as one piece of 2, 4, 8, 16 or 32 bytes. The next frame overwrites the surplus; the last
-// frame is copied exactly.
+// Copies each frame as one piece of 2, 4, 8, 16 or 32 bytes (8 to 6 channels of 16 bits: 12 bytes, as a Piece16). The
+// next frame overwrites the surplus; the last frame is copied exactly.
 void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                     std::ptrdiff_t frames) {
   if (frames <= 0) return;

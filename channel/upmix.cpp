@@ -40,7 +40,7 @@ void expandByFrame(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_
   while (--frames >= 0) expandFrame(dst + frames * out, out, src + frames * in, in, fill);
 }
 
-// ---- by units: each output vector takes its bytes from a window of the input by a table
+// ---- by units of whole frames: a table permutes a window of input bytes into each output vector
 
 constexpr int kMaxVectors = 4;
 constexpr std::ptrdiff_t kMaxIn = 32, kMaxOut = 64;
@@ -50,7 +50,7 @@ struct FrameSizes {
   Fill fill;
 };
 
-// The window byte that each of the first `count` bytes of a unit comes from.
+// Writes, for each of the first `count` bytes of a unit, the index of its source byte in the window.
 constexpr void findSources(Byte* sources, std::ptrdiff_t count, FrameSizes f) {
   std::ptrdiff_t frame = 0, j = 0, source = 0;  // byte j of an output frame is byte `source` of the input frame
   for (std::ptrdiff_t i = 0; i < count; ++i) {
@@ -60,8 +60,8 @@ constexpr void findSources(Byte* sources, std::ptrdiff_t count, FrameSizes f) {
   }
 }
 
-// As many whole frames as one window of input holds and kMaxVectors vectors of output take; where a vector's bytes
-// are out of its reach, as many as 16 bytes hold and one vector takes.
+// A unit: as many whole frames as fit in one input window and in kMaxVectors output vectors; or, if a vector cannot
+// reach all of its bytes in the window, as many as fit in 16 input bytes and one vector.
 template <class Window>
 struct Unit {
   std::ptrdiff_t frames = 0, vectors = 0;
@@ -85,8 +85,8 @@ struct Unit {
   }
 };
 
-// Mono and stereo to 2, 4, 6 and 8 channels: made by the compiler, since a call of few frames would spend most of its
-// time on the tables.
+// Mono and stereo to 2, 4, 6 and 8 channels: constant tables, since a call of few frames would spend most of its time
+// on making them.
 constexpr FrameSizes kUsualSizes[] = {{2, 4, {}},  {3, 6, {}},  {4, 8, {}},  {6, 12, {}}, {8, 16, {}}, {4, 12, {}},
                                       {6, 18, {}}, {8, 24, {}}, {4, 16, {}}, {6, 24, {}}, {8, 32, {}}};
 template <Fill kFill, std::size_t... i>
@@ -103,7 +103,7 @@ const Unit<ShortWindow>* usualUnit(const FrameSizes& f) {
   return nullptr;
 }
 
-// A vector's bytes beyond its unit are covered by the next one.
+// The next unit overwrites the bytes that the last vector has beyond its unit.
 template <class Window, int kVectors>
 [[gnu::noinline]] void expandUnits(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                    std::ptrdiff_t units, const typename Window::Table* from) {
@@ -131,8 +131,8 @@ auto unitLoop(std::ptrdiff_t vectors) {
   }
 }
 
-// Whole units as far as their windows and vectors end inside the blocks, the rest by way of a copy. The blocks are
-// disjoint.
+// Expands whole units while their windows and vectors end inside the blocks, the tail through a copy. The blocks do
+// not overlap.
 template <class Window>
 void expandDisjoint(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, const Byte* src,
                     std::ptrdiff_t frames) {
@@ -158,12 +158,12 @@ void expandByUnits(const Unit<Window>& unit, const FrameSizes& f, Byte* dst, con
             [&](Byte* to, const Byte* from, std::ptrdiff_t count) { expandDisjoint(unit, f, to, from, count); });
 }
 
-// ---- zero fill by pieces: a frame is one piece, masked behind the input frame's end. More than half of it is input,
-// so a whole piece can be read at each frame but the last.
+// ---- zero fill by pieces: a frame is one piece, ANDed with a mask that silences the new channels. More than half of
+// a piece is input, so that a whole piece can be read at each frame but the last.
 
 bool fitsPiece(std::ptrdiff_t in, std::ptrdiff_t out) { return (in > 8 && out <= 16) || (in > 16 && out <= 32); }
 
-// From kMask + 32 - n on, n bytes of ones and then zeros.
+// At bytes + 32 - n: n bytes of ones, then zeros.
 struct Mask {
   Byte bytes[64] = {};
   constexpr Mask() {
@@ -182,7 +182,7 @@ void expandPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t
   expandFrame(dst + whole * out, out, src + whole * in, in, Fill::kSilence);
 }
 
-// Frames of sizes whose tables are to be made first.
+// Frame sizes without constant tables.
 [[gnu::noinline]] void expandOtherSizes(const FrameSizes& f, Byte* dst, const Byte* src, std::ptrdiff_t frames) {
   const auto [in, out, fill] = f;
   if (fill == Fill::kSilence && fitsPiece(in, out))
@@ -207,8 +207,7 @@ void kesaudio::channel::expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* 
 
 namespace {
 
-// Nothing is written where the output would be 2^31 bytes or more: callers account in 32 bits, so theirs would be a
-// smaller buffer than that.
+// Writes nothing if the output would be 2^31 bytes or more: callers count in 32 bits, so their buffer is smaller.
 void upmix(const Blocks& blocks, PcmFormat format, Fill fill) {
   if (blocks.dstChannels <= 0) return;
   withFormat(format, [&](auto formatTag) {
