@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The limiter library for machines without the platform's. x[n] is the larger magnitude of frame n's samples, a
-// negative one's reduced by one step of 16 bits (they reach from -32768 to 32767); W is the delay in frames plus one;
-// gains are in units of 2^-30.
+// The limiter library for machines without the platform's. x[n] is the largest magnitude of frame n's samples, where
+// negative samples count one 16-bit step less (16 bits reach from -32768 to 32767); W is the delay in frames plus
+// one; gains are in units of 2^-30.
 //
 //   required[n] = min(1, threshold / x[n])                             gain that keeps frame n within the threshold
 //   held[n]     = min(required[n - W + 1], ..., required[n])           falls at once when a peak comes into view
-//   released[n] = min(held[n], released[n - 1] towards 1)              and rises slowly
-//   gain[n]     = mean(released[n - W + 1], ..., released[n])          in a straight line of W steps
+//   released[n] = min(held[n], released[n - 1] towards 1)              falls with held[n], rises slowly
+//   gain[n]     = mean(released[n - W + 1], ..., released[n])          turns each fall into a line of W steps
 //   out[n]      = in[n - W + 1] * gain[n]
 //
 // From frame n - W + 1 to n, held, and so released, is at most required[n - W + 1], and so is their mean: no output
@@ -30,7 +30,7 @@ constexpr uint32_t kMaxDelay = limiterDelayFrames(192000);
 struct Stream {
   uint32_t channels;
   uint32_t window;       // W
-  uint32_t releaseStep;  // part of the distance to unity that a frame recovers, in units of 2^-30
+  uint32_t releaseStep;  // fraction of the distance to unity that each frame recovers, in units of 2^-30
   uint32_t at;           // position of the next frame in the rings
   uint64_t frame;        // its number
 
@@ -39,8 +39,8 @@ struct Stream {
   int32_t released[kMaxDelay + 1];
   int64_t sum;  // of released
 
-  // Monotonic queue for the sliding-window minimum: frames and gains ascend, so the first gain is the minimum. A ring
-  // as well.
+  // Monotonic queue for the sliding-window minimum, in a ring: frames and gains ascend, so the first gain is the
+  // minimum.
   struct QueuedGain {
     uint64_t frame;
     int32_t gain;

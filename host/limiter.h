@@ -8,7 +8,7 @@
 // The highest sample of 16 bits, in 8.24.
 constexpr uint32_t kLimiterThreshold = 32767 << 9;
 
-// 1.5 ms, rounded down; above 192 kHz no more frames than there.
+// 1.5 ms, rounded down; above 192 kHz as many frames as at 192 kHz.
 constexpr uint32_t limiterDelayFrames(uint32_t sampleRate) {
   return sampleRate < 192000 ? sampleRate * 3 / 2000 : 288;
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int kMaxLineBytes = 1024;  // longer messages are cut, as the platform's are
+constexpr int kMaxLineBytes = 1024;  // longer lines are cut, as the platform's are
 
 int lowestShownPriority() {
   const char* asked = std::getenv("KESAUDIO_LOG");

@@ -66,7 +66,7 @@ I32x rescale(I32x x) {
     x = roundToEven<-kUp>(x);
     return From::kRangeBits + kUp >= To::kRangeBits ? clamp(x, kHighest) : x;
   } else if constexpr (From::kRangeBits + kUp > To::kRangeBits) {
-    constexpr int32_t kLast = kHighest >> kUp;  // larger values become kHighest
+    constexpr int32_t kLast = kHighest >> kUp;  // greater values become kHighest
     return x > kLast ? I32x{} + kHighest : clamp(x, kLast) << kUp;
   } else {
     return x << kUp;

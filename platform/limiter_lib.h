@@ -2,9 +2,15 @@
 /* The platform's limiter library, libkeslimiter_vendor, as far as the bit converter uses it: brings samples with
  * headroom to fewer bits, turning peaks down instead of cutting them off.
  *
- * On a device the platform provides it, and defines its samples, its threshold and its delay. The bit converter needs
- * the four functions below with both buffer sizes, an instance (or null) from Limiter_Open, and both counts from
- * Limiter_Process. It ignores return values.
+ * On a device the platform provides it, and defines its samples, threshold and delay. It must provide the four
+ * functions below:
+ *
+ *   Limiter_GetBufferSize  sets both sizes; 0 means no buffer, and a null pointer is then passed on
+ *   Limiter_Open           sets the instance, or leaves it null if it fails
+ *   Limiter_Reset          forgets the stream so far; only called with an instance
+ *   Limiter_Process        sets both counts; only called with an instance
+ *
+ * There is no close: the bit converter frees the two buffers (from malloc). Return values are ignored.
  *
  * Elsewhere ours takes its place (host/limiter.cpp):
  *
@@ -14,9 +20,9 @@
  *   threshold  -32768 to 32767 of 16 bits: samples within it are only rounded, to the nearest, ties to even
  *   delay      1.5 ms, by which it sees peaks coming; silence comes out first
  *   attack     the delay: the gain goes down in a straight line to the value that the peak needs
- *   release    80 ms to recover 63 % of the gain
+ *   release    80 ms to recover 63 % of the reduction
  *
- * The instance lives in the internal buffer, so separate instances are independent, and there is nothing to close.
+ * Its instance lives in the internal buffer, so separate instances are independent.
  */
 #ifndef KESAUDIO_PLATFORM_LIMITER_LIB_H
 #define KESAUDIO_PLATFORM_LIMITER_LIB_H
@@ -35,14 +41,14 @@ extern "C" {
  * sizes 0, for any convertType but 256. */
 int32_t Limiter_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, uint32_t convertType);
 
-/* Sets up a stream in the internal buffer, and the instance to pass to the other operations. LIMITER_BAD_STREAM, and
- * a null instance, for channels or a rate that is not in the list. */
+/* Sets up a stream in the internal buffer, and sets the instance that the other operations take. LIMITER_BAD_STREAM,
+ * and a null instance, for channels or a rate that is not in the list. */
 int32_t Limiter_Open(void** instance, void* internal, LimiterParam* param);
 
 /* Back to the state after Limiter_Open. */
 int32_t Limiter_Reset(void* instance);
 
-/* Limits a block: all whole frames that src holds and dst has room for. inBytes: available -> not consumed;
+/* Limits all whole frames that src holds and dst has room for. inBytes: available -> not consumed;
  * outBytes: capacity -> written. dst may be src. */
 int32_t Limiter_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                         uint32_t* outBytes);

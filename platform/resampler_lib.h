@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* The platform's resampler library, libpalix32_vendor, as far as the resampler component uses it.
  *
- * On a device the platform provides it. Elsewhere ours does (host/resampler/engine.cpp); what is said below of
- * errors, formats and limits is about ours.
+ * On a device the platform provides it. Elsewhere ours does (host/resampler/engine.cpp): the errors, formats and
+ * limits below are those of ours.
  *
  *   format   0: 16-bit in and out   1: 16-bit in, 32-bit out   2: 32-bit in and out   3: 8.24 in and out
  *   rates    4000 to 768000 Hz, any pair
@@ -20,7 +20,7 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* Why a size query refuses a stream, or Palix_SetSamplingRate a rate. */
+/* Reasons for which a size query refuses a stream, or Palix_SetSamplingRate a rate. */
 enum {
   PALIX_OK = 0,
   PALIX_BAD_FORMAT = -1,
@@ -33,23 +33,24 @@ enum {
  * above. */
 int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param);
 
-/* Sets up a stream in the internal buffer, and the instance to give to the other operations. */
+/* Sets up a stream in the internal buffer, and sets the instance that the other operations take. */
 int32_t Palix_Open(void** instance, void* internal, SrcParam* param);
 
-/* Changes the output rate from the next block on, without a gap: what is being filtered goes on. A rate that needs more
- * than twice the filter that the open needed is refused. From a change to the next reset the taps of every output are
- * interpolated, which takes about three times as long. */
+/* Changes the output rate from the next block on, without a gap. Refuses a rate whose filter is more than twice as
+ * long as the one at open. From a change to the next reset the taps of every output are interpolated, which takes
+ * about three times as long. */
 int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate);
 
-/* Back to the state after an open at the output rate that is set now. */
+/* Back to the state after an open, at the output rate in force. */
 int32_t Palix_Reset(void* instance);
 
-/* Converts a block. inBytes: available -> not consumed; outBytes: capacity -> written. Consumes all of the input as
- * long as its output fits, whole frames of both. The output lags by half of the filter, 38 frames of the lower rate.
- * src and dst may have any address, and must not overlap each other or the work buffers. */
+/* Converts a block. inBytes: available -> not consumed; outBytes: capacity -> written. Consumes all whole frames of
+ * the input while their output fits. The output lags by half of the filter, 38 frames of the lower rate. src and dst
+ * may have any address, and must not overlap each other or the work buffers. */
 int32_t Palix_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
+/* The multichannel variant. Ours is the same as the plain one. */
 int32_t Palix_MultiChannel_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, SrcParam* param);
 int32_t Palix_MultiChannel_Open(void** instance, void* internal, SrcParam* param);
 int32_t Palix_MultiChannel_Reset(void* instance);

@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* The platform's shifter library, libkesshifter_vendor, as far as the bit converter uses it: changes the sample format.
+/* The platform's shifter library, libkesshifter_vendor, as far as the bit converter uses it: changes the sample
+ * format.
  *
- * On a device the platform provides it, and says what its types mean. Elsewhere ours does (host/shifter.cpp); what
- * follows is about ours. A type is a pair of sample formats:
+ * On a device the platform provides it, and defines its types. Elsewhere ours does (host/shifter.cpp), with a type
+ * for each pair of sample formats:
  *
  *   from \ to  16   32   8.24  24      full scale  bytes
  *   16         -    0    1     2       2^15        2
@@ -10,8 +11,8 @@
  *   8.24       6    7    -     8       2^24        4     with headroom to 2^31
  *   24         9    10   11    -       2^23        3     packed, least significant byte first
  *
- * Full scale stays full scale. Towards more bits every value is exact; towards fewer it is rounded to the nearest, ties
- * to even, and clamped to the target's range.
+ * Full scale stays full scale. Towards more bits every value is exact; towards fewer it is rounded to the nearest,
+ * ties to even, and clamped to the target's range.
  */
 #ifndef KESAUDIO_PLATFORM_SHIFTER_LIB_H
 #define KESAUDIO_PLATFORM_SHIFTER_LIB_H

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Processes a block and aligns the first one: the library's latency makes its output too short, so zeros are put in
-// front of it until it is as long as the input at the output rate.
+// Processes a block and aligns the first one: the library's latency makes its output too short, so zeros in front of
+// it make it as long as the input at the output rate.
 //
 //   expected = bytes * outSampleRate * outChannels / (inChannels * inSampleRate)    in whole output frames
 //
-// where bytes counts the input's samples at the output's width. 32-bit unsigned arithmetic, which wraps; x / 0 is 0.
+// where bytes is the size of the input's samples at the output's width. 32-bit unsigned arithmetic, which wraps; x /
+// 0 is 0. The library alone decides how much input it consumes: bytes that it leaves are the caller's to offer again.
 #include <cstdlib>
 #include <cstring>
 

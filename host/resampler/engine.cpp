@@ -5,10 +5,10 @@
 //
 //   out[n] = sum over k of in[i + k - (taps / 2 - 1)] * h(k - (taps / 2 - 1) - p)
 //
-// so it can be made once in[i + taps / 2] has arrived: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
+// It can be made once in[i + taps / 2] has arrived: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
 //
 // A row holds the taps of one output. Four outputs form a group (polyphase.h) and share one window of the history,
-// that of the first output; the rows of the others start with a few zeros. There are L different p, so the groups
+// that of the first output; the rows of the others start with a few zeros. p takes L values, so the groups
 // repeat after lcm(L, 4) outputs. If their rows fit into the table, it holds them in order of use and is read
 // sequentially. Otherwise (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at evenly
 // spaced p, and each group's rows are interpolated, with an error of about -130 dB.
@@ -34,7 +34,7 @@ namespace {
 using namespace palix;
 
 constexpr uint32_t kMinRate = 4000, kMaxRate = 768000, kMaxChannels = 8;
-constexpr uint32_t kBlockFrames = 1024;                        // most frames taken in, or made, at a time
+constexpr uint32_t kBlockFrames = 1024;                        // most frames read or made at a time
 constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kGroup;  // with the unused part of the first and last group
 constexpr uint32_t kRowsPerPeriod = 64;                        // rows per period of the lower rate, to interpolate
 constexpr size_t kAlignment = 64;
@@ -88,7 +88,7 @@ uint32_t maxPhaseOffset(const Ratio& ratio) {
   return divideUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
 }
 
-// Floats of a row: a zero for each input frame that its window is ahead of the group's, and the taps.
+// Floats of a row: the taps, and room for a zero for each input frame by which its window is ahead of the group's.
 uint32_t rowFloats(const Ratio& ratio) { return kLanes * divideUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
 
 // If the output rate is the lower one, its period is M / L input frames.
@@ -108,7 +108,7 @@ void buildTable(Stream& s) {
   uint64_t phase = 0;  // counted from the group's first frame
   for (uint32_t row = 0; row < rows; ++row) {
     float* const to = s.table + before + row * size_t{floats};
-    if (s.interpolates) {  // a frame, and a row more on either side for the cubic
+    if (s.interpolates) {  // rows of one input frame, and one more on either side for the cubic
       makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.kernelScratch);
     } else {
       makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.kernelScratch);
@@ -175,8 +175,8 @@ struct Layout {
 
 uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
 
-// Changes the output rate; the next output begins a group, p behind its input frame. Rebuilds the table only if it
-// changes: rows to interpolate between depend on the bandwidth alone.
+// Changes the output rate; the next output begins a group and stands p behind its input frame. Rebuilds the table
+// only if it changes: rows to interpolate between depend on the bandwidth alone.
 void setRate(Stream& s, uint32_t outRate, double p) {
   const Ratio old = s.ratio;
   const bool interpolated = s.interpolates;
@@ -223,7 +223,7 @@ void filter(Stream& s, float* output, float* rows, uint32_t frames) {
   }
 }
 
-// Index in the history of the input frame at or before an output, which is counted from the group's first.
+// Index in the history of the input frame at or before an output; outputs are counted from the group's first.
 uint64_t frameOf(const Stream& s, uint64_t output) { return s.centre + (s.phase + output * s.ratio.M) / s.ratio.L; }
 
 // Number of outputs for which the history suffices.

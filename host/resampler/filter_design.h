@@ -41,8 +41,8 @@ double polynomial(const std::array<double, kTerms>& coefficients, double x) {
   return sum;
 }
 
-// sin(pi * x) / (pi * x). The series gets the distance to the nearest integer, so an angle of at most pi / 2; the
-// sine is negated for an odd integer.
+// sin(pi * x) / (pi * x). The series takes the distance to the nearest integer, an angle of at most pi / 2; the sine
+// is negated for odd integers.
 inline double sinc(double x) {
   constexpr auto kSine = [] {  // sin(a) / a in powers of a^2
     std::array<double, 12> terms{1};
@@ -66,8 +66,8 @@ inline double kaiser(double x) {
   return polynomial(kBessel, kBeta * kBeta / 4 * (1 - x * x));
 }
 
-// The taps of an output that stands p behind the input frame taps / 2 - 1, 0 <= p <= 1. They are normalised to a sum
-// of one: a constant stays constant. scratch has room for `taps` numbers.
+// The taps of an output that stands p behind the input frame taps / 2 - 1, 0 <= p <= 1, normalised to a sum of one,
+// so that a constant stays constant. scratch has room for `taps` numbers.
 inline void makeRow(float* row, uint32_t taps, double bandwidth, double p, double* scratch) {
   constexpr double kCutoff = 0.98;  // of the lower Nyquist frequency, where the loss is 6 dB
   const double first = -p - (taps / 2 - 1);

@@ -4,8 +4,9 @@
 //
 //   out[c][o] = sum over k < width of rows[o][k] * history[c][k]      o < 4, width a multiple of 16
 //
-// A sum has 16 partial sums: number i adds the products i, i + 16, .... They are then added pairwise: 8 to 8, 4 to 4,
-// 2 to 2, 1 to 1. So the bits do not depend on the machine's vector width.
+// A sum has 16 partial sums; number i adds the products i, i + 16, .... They are then added pairwise: 8 to 8, 4 to 4,
+// 2 to 2, 1 to 1. The result does not depend on the
+// machine's vector width.
 #ifndef KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 #define KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 
@@ -39,7 +40,7 @@ inline Vector load(const float* from) {
   return v;
 }
 
-// Weighted sum of four rows, `floats` apart, a multiple of 16.
+// Weighted sum of four rows that lie `floats` apart; floats is a multiple of 16.
 inline void blend(const float* rows, size_t floats, const float (&weights)[4], float* sum) {
   for (size_t k = 0; k < floats; k += kVectorLanes) {
     const Vector outer = weights[0] * load(rows + k) + weights[3] * load(rows + 3 * floats + k);
@@ -49,7 +50,7 @@ inline void blend(const float* rows, size_t floats, const float (&weights)[4], f
   }
 }
 
-// Calls body with 0, 1, ... as compile-time constants: unrolled from the start, arrays stay in registers.
+// Calls body(0) to body(kCount - 1) with compile-time constants, so that arrays of vectors stay in registers.
 template <uint32_t kCount, class Body>
 [[gnu::always_inline]] inline void unrolled(Body body) {
   [&]<uint32_t... kIndex>(std::integer_sequence<uint32_t, kIndex...>) __attribute__((always_inline)) {

@@ -16,7 +16,7 @@ inline float rounded(float value) {
   return std::abs(value) < 0x1p23f ? (value + offset) - offset : value;
 }
 
-// Rounds and limits to the range of the sample.
+// Rounds a value and limits it to the range of the sample.
 inline int16_t sampleOf(float value, int16_t) {
   return static_cast<int16_t>(rounded(std::min(std::max(value, -32768.0f), 32767.0f)));
 }
@@ -38,7 +38,7 @@ void withChannels(uint32_t count, Body body) {
 // Frames per step. A step makes two passes: compilers vectorise each of them, but not both in one.
 constexpr size_t kStepFrames = 64;
 
-// Frames of src to planes[c * planeFloats ...], and back.
+// Converts frames of src to planes of floats, channel c at planes + c * planeFloats; interleave converts them back.
 template <class Sample>
 void deinterleave(const unsigned char* src, uint32_t channels, size_t frames, float* planes, size_t planeFloats) {
   withChannels(channels, [&](auto count) {
