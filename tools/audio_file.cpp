@@ -17,16 +17,16 @@
 namespace kesconvert {
 namespace {
 
-// A length beyond any file's. Told it, libsndfile believes a header's promise, instead of cutting it down to what is
-// there.
+// A length beyond any file's. Given it, libsndfile keeps the length that a header states, instead of cutting it to
+// the file's.
 constexpr sf_count_t kEndless = sf_count_t{1} << 50;
 
-// Where the containers with 32-bit sizes end, with room for the longest header.
+// Most bytes of audio in containers with 32-bit sizes, with room for the longest header.
 constexpr std::uint64_t kMaxBytes = 0xFFFFFFFF - 4096;
 
 constexpr const char* kAdvice = "get it anew from where it came";
 
-// Kinds of files by their first bytes. An MP3 without a tag has none: libsndfile knows it by its frames.
+// Kinds of files by their first bytes. An MP3 without a tag is not listed: libsndfile knows it by its frames.
 struct Kind {
   off_t at;
   std::string_view bytes;
@@ -43,7 +43,7 @@ constexpr Kind kKinds[] = {
     {0, "\xFF\xF1", "AAC", Kind::kUnreadable}, {0, "\xFF\xF9", "AAC", Kind::kUnreadable}};
 // clang-format on
 
-// nullptr for none of them.
+// The kind of a file; nullptr for an unknown one.
 const Kind* kindOf(int fd) {
   char first[12] = {};
   if (pread(fd, first, sizeof first, 0) < 0) return nullptr;
@@ -52,7 +52,7 @@ const Kind* kindOf(int fd) {
   return found != std::end(kKinds) ? &*found : nullptr;
 }
 
-// The length of a whole RIFF, AIFF or W64 by its header; 0 where nothing says it.
+// The length of the file that the header of a RIFF, AIFF or W64 states; 0 for other files.
 sf_count_t promisedLength(int fd) {
   struct {
     char name[4];
@@ -66,7 +66,7 @@ sf_count_t promisedLength(int fd) {
   return name == "riff" ? static_cast<sf_count_t>(header.more[1]) : 0;
 }
 
-// libsndfile's encodings that are not decoded to 16 bits.
+// libsndfile's encodings and the samples that they are read as. Those not listed are read as 16 bits.
 struct Encoding {
   int subtype;
   PcmFormat samples;
@@ -127,8 +127,8 @@ sf_count_t moveAll(VirtualFile& file, sf_count_t count, Move move) {
   return done;
 }
 
-// Programs that write to a pipe leave sizes that libsndfile does not take for audio up to the end: 0 in a WAV, -1 in
-// a CAF. It is given the greatest, or what follows.
+// Programs that write to a pipe leave the size of the audio open: 0 in a WAV, -1 in a CAF. libsndfile does not read
+// on to the end then, so a size of 0 is replaced by the greatest, -1 by the bytes that follow.
 void fillSize(VirtualFile& file, std::span<unsigned char> read) {
   const bool isData = std::string_view(file.lastWord, 4) == "data";
   const auto isAll = [&](unsigned char byte) { return std::ranges::count(read, byte) == std::ssize(read); };
@@ -167,7 +167,7 @@ sf_count_t writeVirtual(const void* source, sf_count_t count, void* user) {
   return put;
 }
 
-// Keeps what libmpg123 has to say about damaged files off standard error.
+// Keeps libmpg123's messages about damaged files off standard error.
 struct QuietStandardError {
   QuietStandardError() {
     const Descriptor null(open("/dev/null", O_WRONLY | O_CLOEXEC));
@@ -185,7 +185,7 @@ SNDFILE* openSound(VirtualFile& file, int mode, SF_INFO& info) {
   return sf_open_virtual(&io, mode, &info, &file);
 }
 
-// libsndfile's reason; of the last open, if there is no sound.
+// libsndfile's reason for a failure: of this sound, or with nullptr of the last open.
 std::string reasonOf(SNDFILE* sound) {
   const std::string reason = sf_strerror(sound);
   if (reason.find("nternal error") != std::string::npos) return "its header makes no sense";
@@ -204,8 +204,8 @@ ChannelMask layoutWithoutMap(int major, unsigned channels) {
   return channels <= 2 ? standardLayout(channels) : ChannelMask{KES_LAYOUT_NONE};
 }
 
-// Whether a header's frame count is a placeholder of programs that write to a pipe: the largest size, or nearly, of
-// 32 or 31 bits.
+// True if a header's frame count is a placeholder of a program that wrote to a pipe: at or just below the greatest
+// size of 32 or 31 bits.
 bool isPlaceholder(std::uint64_t frames, std::uint64_t frameBytes) {
   const std::uint64_t bytes = frames * frameBytes;
   const auto isJustBelow = [&](std::uint64_t mark) { return bytes <= mark && bytes + frameBytes + 0xFFF > mark; };
@@ -239,7 +239,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   const Kind* const kind = kindOf(file_.fd);
   const bool isPromising = kind != nullptr && kind->use == Kind::kPromising;
   const sf_count_t promised = promisedLength(file_.fd);
-  const bool isW64 = kind != nullptr && kind->bytes == "riff";  // all that follows its header is audio
+  const bool isW64 = kind != nullptr && kind->bytes == "riff";  // its header states the whole file's length
   file_.length = isPromising ? kEndless : isW64 ? std::max(status.st_size, promised) : status.st_size;
   constexpr sf_count_t kMaxMissing = 1 << 20;
   if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxMissing;  // it reads chunks whole
@@ -247,7 +247,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
   const bool isCompressed = isSound && encodingOf(info.format).bytes == 0;
-  if (isCompressed && isPromising) {  // some decoders go on beyond the end
+  if (isCompressed && isPromising) {  // some decoders read on beyond the end of the file
     file_.length = status.st_size;
     open(info = {});
   }
@@ -270,7 +270,7 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
     fail("cannot read {}: it is {}{}; decode it first: ffmpeg -i {} decoded.wav", name, kind->name,
          kind->use == Kind::kUnreadable ? "" : fmt::format(", but damaged or unusual ({})", reasonOf(nullptr)), name);
   if (!raw) {
-    // Cut files that libsndfile accepts: without any frame, part of a compressed recording, an Ogg without its end.
+    // Refuses cut files that libsndfile accepts: those without a frame, compressed ones, an Ogg without its end.
     const bool isShort = status.st_size + 1 < promised && !isPlaceholder(static_cast<std::uint64_t>(promised), 1);
     const bool isEndless = info.frames > kEndless && (info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_OGG;
     if (isEndless || (isShort && (info.frames == 0 || isCompressed))) fail("{} is cut short; {}", name, kAdvice);
@@ -362,14 +362,14 @@ AudioSink::AudioSink(const OutputFile& file, int major, const StreamFormat& form
   if (isOneOf(major, {SF_FORMAT_RAW, SF_FORMAT_RF64, SF_FORMAT_W64, SF_FORMAT_CAF, SF_FORMAT_AU, SF_FORMAT_FLAC}))
     maxFrames_ = UINT64_MAX;
   checkLength(frames.value_or(0));
-  // Other programs know little-endian AIFC of 16 bits only.
+  // Other programs read little-endian AIFC of 16 bits only.
   if (major == (SF_FORMAT_AIFF | SF_ENDIAN_LITTLE) && format.samples != KES_PCM_S16) major = SF_FORMAT_AIFF;
 
   SF_INFO info = infoOf(format, major);
   if (!sf_format_check(&info))
     fail("cannot write {}: {} does not take {} channels of {} PCM; use .wav, .caf or .aiff", file.name(), container,
          format.channels, nameOf(format.samples));
-  constexpr int kMaxAiffRate = 1 << 30;  // libsndfile writes any greater one as 800 MHz
+  constexpr int kMaxAiffRate = 1 << 30;  // libsndfile writes greater rates as 800 MHz
   if ((major & SF_FORMAT_TYPEMASK) == SF_FORMAT_AIFF && format.rate > kMaxAiffRate)
     fail("cannot write {}: {} does not take {} Hz; use .wav, .caf or .au", file.name(), container, format.rate);
   sound_.reset(openSound(file_, SFM_WRITE, info));
@@ -391,10 +391,11 @@ void AudioSink::write(const std::int32_t* samples, std::size_t frames) {
 }
 
 void AudioSink::finish() {
-  sf_command(sound_.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);  // a FLAC without frames would lack its header
+  sf_command(sound_.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);  // else a FLAC without frames lacks its header
   if (sf_close(sound_.release()) != 0 || file_.error != 0) failOfSound();
   if (!hasMask_) return;
-  // libsndfile keeps a layout only if it places every channel, and otherwise guesses one from their count.
+  // Writes the mask into the header: libsndfile guesses one from the channel count if the layout does not place every
+  // channel.
   char header[64] = {};
   const bool isRead = pread(file_.fd, header, sizeof header, 0) > 0;
   const auto mask = static_cast<off_t>(std::string_view(header, sizeof header).find("fmt ") + 8 + 20);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads and writes audio files and raw PCM through libsndfile. Samples are 32-bit words: 8.24, or integers, narrower
-// ones in the high bits.
+// Reads and writes audio files and raw PCM through libsndfile. Samples are 32-bit words: 8.24, or integers, with
+// narrower ones in the high bits.
 #ifndef KESCONVERT_AUDIO_FILE_H
 #define KESCONVERT_AUDIO_FILE_H
 
@@ -24,9 +24,9 @@ std::optional<int> containerOfName(const std::string& name);
 struct VirtualFile {
   int fd = -1;
   bool sequential = false;  // a stream, which cannot seek
-  sf_count_t length = 0;    // as told to libsndfile
-  bool fillsSizes = false;  // that a writer to a pipe could not know
-  char lastWord[4] = {};    // read, such as the name of a chunk
+  sf_count_t length = 0;    // as libsndfile is told
+  bool fillsSizes = false;  // replaces sizes that a writer to a pipe left open
+  char lastWord[4] = {};    // the last four bytes read, such as the name of a chunk
   sf_count_t position = 0;
   int error = 0;  // errno of a call that failed
 };
@@ -41,11 +41,11 @@ class AudioSource {
   // Returns the frames read, fewer than wanted only at the end. Fails if the input is cut short or damaged.
   std::size_t read(std::int32_t* samples, std::size_t wanted);
 
-  StreamFormat format;                  // 8.24 for samples that are no integers
-  std::optional<std::uint64_t> frames;  // empty: known at the end
+  StreamFormat format;                  // 8.24 for float and lossy files
+  std::optional<std::uint64_t> frames;  // empty if known only at the end
   std::string container;
   std::string encoding;                 // "24-bit", "MPEG Layer III"
-  PcmFormat usualOutput = KES_PCM_S16;  // the samples of an output that nobody chose
+  PcmFormat usualOutput = KES_PCM_S16;  // the samples of an output without --format
   std::uint64_t clippedSamples = 0;     // beyond 8.24, or not a number
   ChannelMask layout = KES_LAYOUT_NONE;
   std::string layoutOrigin = "nothing names it";
@@ -60,7 +60,7 @@ class AudioSource {
   Sound sound_{nullptr, sf_close};
   std::uint64_t delivered_ = 0;
   std::vector<double> doubles_;
-  std::vector<unsigned> order_;  // where the file has each channel of a frame, if not in the order of the layout
+  std::vector<unsigned> order_;  // place of each channel in the file's frames; empty if in the order of the layout
 };
 
 class AudioSink {

@@ -26,10 +26,10 @@ void unpack(const unsigned char* packed, unsigned sampleBytes, std::span<std::in
 using Block = std::span<const unsigned char>;  // of whole frames
 using Next = std::function<void(Block)>;
 
-// Runs a stage: takes blocks of its input, and hands on those of its output.
+// Runs a stage: takes blocks of input, and hands on blocks of output.
 class StageRunner {
  public:
-  // Adds to clippedSamples those at a limit of their range, if the stage can clip.
+  // If the stage can clip, adds to clippedSamples the samples at a limit of their range.
   StageRunner(const Stage& stage, std::size_t blockFrames, Next next, std::uint64_t& clippedSamples)
       : stage_(stage), next_(std::move(next)), clippedSamples_(clippedSamples) {
     const std::uint64_t fitting = rescaledFrameCount(blockFrames, stage.out.rate, stage.in.rate);
@@ -61,7 +61,7 @@ class StageRunner {
   }
 
   Stage stage_;
-  std::size_t offeredBytes_;  // the most at a time that the output has room for
+  std::size_t offeredBytes_;  // most input bytes whose output fits into out_
   std::vector<unsigned char> out_;
   std::vector<std::int32_t> words_;
   Next next_;
@@ -149,7 +149,7 @@ Report convert(AudioSource& source, const std::vector<Stage>& stages, const Stre
     next(Block(block).first(frames * in.frameBytes()));
     progress(inFrames += frames);
   }
-  // Silence pushes out what the stages still hold.
+  // Silence pushes out the frames that the stages still hold.
   allFrames = rescaledFrameCount(inFrames, in.rate, out.rate);
   std::ranges::fill(block, 0);
   while (report.outFrames < allFrames) next(block);

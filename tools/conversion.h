@@ -19,7 +19,7 @@ struct ConversionOptions {
 
 struct Plan {
   std::vector<Stage> stages;
-  std::vector<std::string> descriptions;       // of every stage, and of a mix that changes nothing
+  std::vector<std::string> descriptions;       // of every stage, even a mix that changes nothing
   ChannelMask layout = KES_LAYOUT_NONE;        // of the output
   std::shared_ptr<std::uint32_t> limiterPeak;  // the limiter's highest input; null without one
 };
@@ -27,7 +27,7 @@ struct Plan {
 // Orders the stages so that the fewest samples are resampled.
 Plan makePlan(const StreamFormat& in, ChannelMask layout, const StreamFormat& out, const ConversionOptions& options);
 
-// Keeps the highest sample.
+// Keeps the greatest magnitude of all samples.
 struct PeakMeter {
   std::uint32_t peak = 0;
 
@@ -39,10 +39,10 @@ struct Report {
   std::uint64_t outFrames = 0;
   PeakMeter in;
   PeakMeter out;
-  std::uint64_t clippedSamples = 0;  // at most: those at a limit of their range behind a stage that can clip
+  std::uint64_t clippedSamples = 0;  // upper bound: samples at a limit of their range after a stage that can clip
 };
 
-// Converts the source to its end. After every block progress is given the input frames done.
+// Converts the source to its end. Calls progress after every block with the input frames done.
 Report convert(AudioSource& source, const std::vector<Stage>& stages, const StreamFormat& out, AudioSink& sink,
                std::size_t blockFrames, const std::function<void(std::uint64_t)>& progress);
 

@@ -70,7 +70,7 @@ void failToRead(const std::string& name, int error) {
 }
 
 void failToWrite(const std::string& name, int error) {
-  if (error == EPIPE) throw Failure("");  // whoever read our output has gone: nothing to say
+  if (error == EPIPE) throw Failure("");  // the reader of our output is gone: no message
   const bool noRoom = error == ENOSPC || error == EDQUOT || error == EFBIG;
   fail("cannot write {}: {}; {}", name, strerror(error),
        noRoom ? "make room, or write elsewhere" : "check the name, its folder and their permissions");
@@ -110,7 +110,7 @@ std::string OutputFile::nameWritten() const { return copy_.get() >= 0 ? kTempora
 
 void OutputFile::createBeside() {
   fs::path place = name_;
-  constexpr int kMaxLinks = 40;  // the system's own limit
+  constexpr int kMaxLinks = 40;  // Linux's own limit
   std::error_code none;
   for (int links = 0; links < kMaxLinks && fs::is_symlink(place, none); ++links)
     place = place.parent_path() / fs::read_symlink(place);
@@ -118,7 +118,7 @@ void OutputFile::createBeside() {
   if (temporary_.size() >= sizeof gTemporary) failToWrite(name_, ENAMETOOLONG);
   std::memcpy(gTemporary, temporary_.c_str(), temporary_.size() + 1);
   for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
-    if (std::signal(signal, removeTemporaryAndDie) == SIG_IGN) std::signal(signal, SIG_IGN);  // as nohup wants it
+    if (std::signal(signal, removeTemporaryAndDie) == SIG_IGN) std::signal(signal, SIG_IGN);  // as under nohup
 
   target_ = Descriptor(open(temporary_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
   if (target_.get() < 0) failToWrite(name_, errno);

@@ -33,14 +33,14 @@ class Descriptor {
 [[noreturn]] void failToRead(const std::string& name, int error);
 [[noreturn]] void failToWrite(const std::string& name, int error);
 
-// Opens a file for reading; "-" is standard input. With seekable, copies a pipe to a temporary file first, since the
-// readers of most containers seek.
+// Opens a file for reading; "-" is standard input. With seekable, copies a pipe to a temporary file first, since most
+// containers are read by seeking.
 Descriptor openInput(const std::string& name, bool seekable);
 
 // Writes a file beside its place, under a hidden name, which commit() renames: an older file stays until then, and
-// without commit() nothing is left behind, be it by a failure or by a signal. Follows a link to its file. Writes to
-// anything else ("-" for standard output, a pipe, a device) as it is; with seekable, from a temporary file, in
-// commit().
+// without commit() nothing is left behind, after a failure or a signal. Follows a link to its file. Writes directly
+// to anything else ("-" for standard output, a pipe, a device); with seekable, commit() copies it there from a
+// temporary file.
 class OutputFile {
  public:
   OutputFile(const std::string& name, bool seekable, const Descriptor& input);
@@ -49,7 +49,7 @@ class OutputFile {
   OutputFile& operator=(const OutputFile&) = delete;
 
   const std::string& name() const { return name_; }
-  std::string nameWritten() const;  // of the file behind fd()
+  std::string nameWritten() const;  // name of the file behind fd(), for messages
   int fd() const { return copy_.get() >= 0 ? copy_.get() : target_.get(); }
   void commit();
 
@@ -58,7 +58,7 @@ class OutputFile {
 
   std::string name_;
   std::string place_;      // where the file goes; empty when there is nothing to rename
-  std::string temporary_;  // its name until then
+  std::string temporary_;  // its name until it is renamed
   Descriptor target_;
   Descriptor copy_;
 };

@@ -38,7 +38,7 @@ constexpr const char* kExamples = R"(Examples:
   kesconvert take.wav stereo.wav --channels 2 --layout 4.0
       The four channels have no layout in the file, and are not quad.
   kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
-      To 16 bits, with peaks that the mix makes too high turned down, not cut off.
+      To 16 bits; peaks of the mix over full scale are turned down, not clipped.
   kesconvert stereo.wav surround.wav --channels 6 --upmix zero
       Left and right stay where they are, four silent channels follow.
   kesconvert *.mp3 *.flac stereo/ --channels 2
@@ -66,7 +66,7 @@ bool isFolder(const std::string& name) {
   return fs::is_directory(name, none);
 }
 
-// Prints one line, whatever control characters the names in it have.
+// Prints one line: control characters, which names may have, become question marks.
 void printLine(std::FILE* stream, std::string text) {
   std::ranges::replace_if(
       text, [](char c) { return std::iscntrl(static_cast<unsigned char>(c)) != 0; }, '?');
@@ -93,7 +93,7 @@ std::string parseRate(const std::string& text) {
   return std::to_string(std::stoi(parts[1]) * 1000 + std::stoi(fraction));
 }
 
-// CLI11 gives an option its long name, whatever was typed.
+// Names options in CLI11's messages as they were typed: CLI11 takes the long name.
 std::string asTyped(std::string message, const std::vector<std::string>& arguments) {
   const auto isTyped = [&](const char* name) {
     return std::ranges::any_of(arguments, [&](const std::string& argument) { return argument.starts_with(name); });
@@ -109,7 +109,7 @@ struct Usage : CLI::Formatter {
   }
 };
 
-// Returns the exit code if there is nothing more to do.
+// Returns the exit code if there is nothing to convert (--help, --version).
 std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   CLI::App app("Changes the channels, the sampling rate and the sample format of audio files.", "kesconvert");
   app.footer(kExamples);
@@ -130,7 +130,7 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
           ->transform(parseRate)
           ->check(CLI::Range(kMinRate, kMaxRate).description(fmt::format("{} to {}", kMinRate, kMaxRate)));
   app.add_flag("--multichannel", options.conversion.multichannel,
-               "resample stereo too by the multichannel resampler, as any other number of channels")
+               "resample stereo, too, by the multichannel resampler, which other channel counts always take")
       ->needs(rate);
   app.add_option_function<std::string>(
       "--layout", [&](const std::string& text) { options.layout = parseLayout(text); },
@@ -140,9 +140,9 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
          "samples of the output, the input's if not given; s24 for float, s16 for lossy formats")
       ->check(CLI::IsMember({"s16", "s24", "s32"}));
   app.add_flag("--limit", options.conversion.limit,
-               "mix with headroom, and turn down what 16 bits cannot hold instead of clipping it; makes s16");
+               "mix with headroom, and turn peaks over full scale down instead of clipping them; makes s16");
   std::string upmix = "duplicate";
-  app.add_option("--upmix", upmix, "what fills new channels: the others in turn, or silence")
+  app.add_option("--upmix", upmix, "fills new channels with the input's in turn, or with silence")
       ->check(CLI::IsMember({"duplicate", "zero"}));
   app.add_option("--block", options.blockFrames, "frames per call of the library")->check(CLI::Range(1, 1 << 20));
   app.add_option_function<std::string>(
@@ -169,7 +169,7 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   return std::nullopt;
 }
 
-// Shows the progress on a terminal, once the work has lasted a second.
+// Shows the progress on a terminal, from the first second on.
 class Progress {
  public:
   ~Progress() { clear(); }
@@ -239,7 +239,7 @@ void convertFile(const Options& options, const std::string& inName, const std::s
          inName, in.channels);
   StreamFormat out{options.rate.value_or(in.rate), options.channels.value_or(in.channels),
                    options.conversion.limit ? PcmFormat{KES_PCM_S16} : options.samples.value_or(source.usualOutput)};
-  if (rawOut) {  // --raw also says what a raw output of another input will be; it does not make it so
+  if (rawOut) {  // --raw describes a raw output, too; it converts nothing
     const StreamFormat& raw = *options.raw;
     if (!options.channels) out.channels = raw.channels;
     const bool channelsFit = raw.channels == out.channels || raw.channels == in.channels;
@@ -293,7 +293,7 @@ void convertFile(const Options& options, const std::string& inName, const std::s
       report.out.decibels(out.samples), loss);
 }
 
-// Calls work; if it fails, says why in one line, after the name of the file where the reason lacks it.
+// Calls work and returns the exit code. A failure prints one line: the reason, after the file's name if it lacks it.
 int reportFailure(const std::string& file, const std::function<void()>& work) {
   std::string message;
   int code = kExitFailure;
@@ -314,7 +314,8 @@ int reportFailure(const std::string& file, const std::function<void()>& work) {
   return code;
 }
 
-// In a folder an output has its input's name, and is a WAV where we do not write the input's container.
+// Converts every input. In a folder an output has its input's name, as a WAV if the input's container cannot be
+// written.
 int convertAll(const Options& options) {
   const std::string& out = options.files.back();
   const bool toFolder = isFolder(out);
@@ -339,9 +340,9 @@ int convertAll(const Options& options) {
 }  // namespace kesconvert
 
 int main(int argc, char** argv) {
-  // A file must not be opened in the place of a closed standard stream, or messages would go into it.
+  // Fills closed standard streams, so that no file gets their numbers, and with them the messages.
   for (int fd = 0; fd >= 0 && fd <= STDERR_FILENO;) fd = open("/dev/null", O_RDONLY);
-  // Writing fails instead, and the failure cleans up.
+  // Writing to a closed pipe, or past the limit of a file's size, then fails with an error, which cleans up.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
   using namespace kesconvert;

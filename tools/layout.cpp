@@ -38,7 +38,7 @@ constexpr NamedLayout kLayouts[] = {
     {"5.0", 0x37},       {"5.0-side", 0x607}, {"5.1", 0x3F},        {"5.1-side", kLayout5Point1Side},
     {"6.1", 0x13F},      {"6.1-side", 0x70F}, {"7.1", 0x63F},       {"none", KES_LAYOUT_NONE}};
 
-// A table's entries for the positions of a layout, in channel order.
+// The entries of a table for the positions of a layout, in channel order.
 template <class Entry>
 std::vector<Entry> select(ChannelMask layout, const Entry (&table)[kPositions]) {
   std::vector<Entry> entries;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Channel layouts: their names, their masks (kesaudio/types.h; WAV numbers the positions alike), and the channel maps
-// of libsndfile. A mask of 0 stands for an unknown layout. The channels of a frame come in the order of the mask's
-// bits; channels beyond them have no position.
+// Channel layouts: their names, their masks (kesaudio/types.h; WAV has the same numbers), and the channel maps of
+// libsndfile. A mask of 0 stands for an unknown layout. The channels of a frame come in the order of the mask's bits;
+// further channels have no position.
 #ifndef KESCONVERT_LAYOUT_H
 #define KESCONVERT_LAYOUT_H
 
@@ -33,7 +33,8 @@ ChannelMask firstPositions(ChannelMask layout, unsigned channels);
 // The usual layout of a channel count: mono, stereo, 3.0, quad, 5.0, 5.1, 6.1, 7.1.
 ChannelMask standardLayout(unsigned channels);
 
-// FLAC's order of channels, and where a Vorbis or Opus frame has each of them (empty: in the same order).
+// The layout of a FLAC, Vorbis or Opus file by its channel count; and the place of each of its channels in a Vorbis
+// or Opus frame (empty: in the order of the layout).
 ChannelMask flacLayout(unsigned channels);
 std::vector<unsigned> vorbisOrder(unsigned channels);
 

@@ -23,7 +23,7 @@ ChannelMask stereoMixOf(ChannelMask layout) {
   return std::ranges::find(kMixes, layout) != std::end(kMixes) ? layout : ChannelMask{KES_LAYOUT_NONE};
 }
 
-// For each channel of a 5.1 frame the two of another layout whose average it is; -1 for silence.
+// Layouts that are mixed as 5.1: each 5.1 channel is the average of two channels of the layout; -1 is silence.
 struct To5Point1 {
   ChannelMask layout;
   int sources[12];
@@ -52,7 +52,7 @@ ProcessCall mixBy5Point1(const To5Point1& map, const StreamFormat& in) {
   };
 }
 
-// A component's record, closed when the last user of it is gone.
+// A component's record, closed with its last user.
 template <class Record>
 std::shared_ptr<Record> makeRecord(void (*init)(Record*)) {
   const std::shared_ptr<Record> record(new Record, [](Record* old) {
@@ -83,7 +83,7 @@ ProcessCall bitConverter(const StreamFormat& in, ConvertType type) {
   return callOf(record, record->Process);
 }
 
-// The frames by which an impulse leaves the limiter later than it went in.
+// The limiter's delay in frames, measured on an impulse: the library does not state it.
 unsigned limiterDelay(const StreamFormat& in) {
   if (in.rate > kMaxRate) fail("--limit takes up to {} Hz, not {}; add --rate 48000", kMaxRate, in.rate);
   std::vector<std::int32_t> second(in.channels * static_cast<unsigned>(in.rate));
@@ -164,7 +164,7 @@ Stage resampleTo(int rate, const StreamFormat& in, bool multichannel) {
            kMaxRate);
     throw std::bad_alloc();
   }
-  // The first block gets silence ahead of it; an empty one gets none, so that there is no delay.
+  // The component puts silence before the first block, except before an empty one: no delay then.
   std::uint32_t noInput = 0, noOutput = 0;
   process(nullptr, &noInput, nullptr, &noOutput);
   return {process,

@@ -15,8 +15,7 @@ namespace kesconvert {
 // The frames of a stream at another rate, rounded up.
 std::uint64_t rescaledFrameCount(std::uint64_t frames, int inRate, int outRate);
 
-// The library's process-call form: converts what fits, and sets both counts to the bytes not consumed and the bytes
-// made.
+// A Process call: converts as much as fits, and sets the counts to the bytes not consumed and the bytes made.
 using ProcessCall = std::function<void(const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes)>;
 
 struct Stage {
@@ -27,8 +26,8 @@ struct Stage {
   bool canClip = false;
 };
 
-// Mixes to that many channels, and replaces the layout by the output's. Calls an entry point where the channel
-// converter does not take the arguments (a layout, silent channels).
+// Mixes to the given channels, and replaces the layout by the output's. Calls an entry point for a layout's mix and
+// for silent channels, which the channel converter does not offer.
 Stage mixTo(unsigned channels, const StreamFormat& in, ChannelMask& layout, bool addSilentChannels);
 
 // The rates that resampleTo takes.
@@ -41,10 +40,10 @@ Stage resampleTo(int rate, const StreamFormat& in, bool multichannel);
 // Changes the sample format, by the bit converter's shifter.
 Stage convertSampleFormat(PcmFormat samples, const StreamFormat& in);
 
-// Limits 8.24 to 16 bits, by the bit converter. Keeps in highest the greatest sample that went in.
+// Limits 8.24 to 16 bits, by the bit converter. Keeps the greatest input magnitude in highest.
 Stage limit(const StreamFormat& in, const std::shared_ptr<std::uint32_t>& highest);
 
-// By how much an 8.24 peak is above the highest that 16 bits hold.
+// Decibels by which an 8.24 peak exceeds the highest 16-bit sample; 0 if it does not.
 double decibelsOver16Bits(std::uint32_t highest);
 
 }  // namespace kesconvert

@@ -5,8 +5,8 @@
 //   out[c][o] = sum over k < width of rows[o][k] * history[c][k]      o < 4, width a multiple of 16
 //
 // A sum has 16 partial sums; number i adds the products i, i + 16, .... They are then added pairwise: 8 to 8, 4 to 4,
-// 2 to 2, 1 to 1. The result does not depend on the
-// machine's vector width.
+// 2 to 2, 1 to 1. The result is the same for every width of
+// the machine's vectors.
 #ifndef KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 #define KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 
