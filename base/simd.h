@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Vectors of integer lanes on 64-bit Arm (NEON) and x86-64 (SSE2, SSE4.1, AVX2). Lanes are added, subtracted, shifted
 // and compared by the compilers' operators; simd_neon.h and simd_x86.h hold every other operation, under one name on
-// both machines. Code outside these three files tells machines apart by their constants alone (kBlocks, kStrides,
-// kHasByteShuffle, kHasSaturatingAdd32).
+// both machines. Kernels have no #if: they tell machines apart by the constants of these three files alone (kBlocks,
+// kStrides, kHasByteShuffle, kHasSaturatingAdd32).
 //
 // A vector is kBlocks blocks of 16 bytes: one, or with AVX2 two. AVX2 shuffles inside a block only, so each block
 // holds frames of its own: the shuffles, zips and narrowing below treat every block by itself.

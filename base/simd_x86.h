@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The vector operations of simd.h on x86-64; simd_neon.h says what each one does.
+// The vector operations of simd.h on x86-64; simd_neon.h describes each of them.
 #ifndef KESAUDIO_BASE_SIMD_X86_H
 #define KESAUDIO_BASE_SIMD_X86_H
 
@@ -196,7 +196,7 @@ KESAUDIO_INLINE void loadSides(const Byte* p, Vector& left, Vector& right) {
 }
 
 // On x86-64 the two vectors of stereo frames are the first and the second half of the frames, left and right in turn.
-// A block's frames are in two loads of 16 bytes, the second of which ends with them.
+// A block's frames are in two loads of 16 bytes; the second load ends where they end.
 KESAUDIO_INLINE void loadTriples(const Byte* p, I16x (&sides)[2], I16x (&third)[2]) {
   for (int half = 0; half < 2; ++half, p += 24 * kBlocks) {
     const I16x a = loadBlocks<I16x>(p, 24), b = loadBlocks<I16x>(p + 8, 24);

@@ -3,7 +3,7 @@
  *
  * On a device the platform's liblog.so provides it. Elsewhere our own liblog.so (host/log.cpp) does: it writes one
  * line per message to standard error, "D/Tag: text", in one write, so that lines of several threads do not mix. A
- * message ends its line whether or not its text ends in a newline, and is cut at 1024 bytes.
+ * text without a newline at its end gets one. Lines are cut at 1024 bytes.
  *
  * The host library is quiet below error (priority 6). The environment variable KESAUDIO_LOG asks for more: it holds
  * the lowest priority to show, as a number: KESAUDIO_LOG=3 shows debug lines too, KESAUDIO_LOG=8 not even errors.

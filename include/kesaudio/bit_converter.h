@@ -90,7 +90,7 @@ enum {
 
 typedef struct KesAudioBitConverterC KesAudioBitConverterC;
 
-/** The record: the operations, then what they keep. */
+/** The record: the operations, then their data. */
 struct KesAudioBitConverterC {
   /** KES_STATE_CLOSED to KES_STATE_OPEN: stores the arguments, unchecked, and forgets any earlier limiter. For
    * KES_CONVERT_LIMITER with sampleRate and channels other than 0, sets up the limiter: asks its library for its
@@ -102,8 +102,8 @@ struct KesAudioBitConverterC {
   uint32_t (*Close)(KesAudioBitConverterC* handle);
 
   /** KES_STATE_CLOSED: stores value into the member of the ID; KES_BAD_PARAMETER, and nothing is stored, for a value
-   * that is not in the list above or an unknown ID. KES_REFUSED in KES_STATE_OPEN. Open replaces all three, so what
-   * is stored here never reaches Process: there is no need to call it. */
+   * that is not in the list above or an unknown ID. KES_REFUSED in KES_STATE_OPEN. Open replaces all three, so values
+   * stored here never reach Process: there is no need to call it. */
   uint32_t (*SetParameter)(KesAudioBitConverterC* handle, int32_t paramID, uint32_t value);
 
   /** Any state: writes nothing. KES_OK for the IDs 1, 2 and 4, KES_BAD_PARAMETER for any other. There is no need to
@@ -126,7 +126,7 @@ struct KesAudioBitConverterC {
   uint32_t (*Process)(KesAudioBitConverterC* handle, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);
 
-  ConvertType mConvertType;   /**< what Process does */
+  ConvertType mConvertType;   /**< the conversion that Process does */
   uint32_t mChannels;         /**< per frame; only the limiter asks */
   uint32_t mSampleRate;       /**< Hz; only the limiter asks */
   void* mpTempBuf;            /**< the limiter's scratch for every block; null when there is none */

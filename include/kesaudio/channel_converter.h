@@ -57,10 +57,10 @@ enum { KES_CHANNEL_CONVERTER_MAX_CHANNELS = 8 };
 
 typedef struct KesAudioChannelConverterInC KesAudioChannelConverterInC;
 
-/** The record: the operations, then what they keep. */
+/** The record: the operations, then their data. */
 struct KesAudioChannelConverterInC {
   /** Stores value, unchecked, into the member of the ID. KES_OK in KES_STATE_CLOSED, for unknown IDs too (nothing is
-   * stored); KES_REFUSED in KES_STATE_OPEN. Open replaces all six, so what is stored here never reaches Process:
+   * stored); KES_REFUSED in KES_STATE_OPEN. Open replaces all six, so values stored here never reach Process:
    * there is no need to call it. */
   uint32_t (*SetParameter)(KesAudioChannelConverterInC* handle, int32_t paramID, uint32_t value);
 

@@ -80,7 +80,7 @@ enum {
 
 typedef struct KesAudioSrcInC KesAudioSrcInC;
 
-/** The record: the operations, then what they keep. */
+/** The record: the operations, then their data. */
 struct KesAudioSrcInC {
   /** KES_STATE_CLOSED: stores value into the field of the ID; KES_BAD_PARAMETER, and nothing is stored, for a format
    * above 4 or an ID that is not in the list. KES_STATE_OPEN: only the output rate can change; it is stored and

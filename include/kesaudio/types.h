@@ -3,7 +3,7 @@
  * Shared by every component: sample formats, channel layouts, component states, return codes.
  *
  * They are 32-bit integers with named values, not enumeration types, because values without a name are legal
- * everywhere: each function says what it does with them.
+ * everywhere: each function documents how it treats them.
  *
  * A block of audio is interleaved PCM: frames of one sample per channel, channel 0 first, frames without gaps, any
  * address (no alignment is needed). Sizes are byte counts. No call converts float samples: bring them to 8.24 first.

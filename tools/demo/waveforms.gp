@@ -2,7 +2,7 @@
 # Run from the project's root, behind the conversions of ./kes demo.
 
 rate = 48000.
-step = 12           # every so many frames is a point: dense enough for the eye
+step = 12           # frames from point to point: dense enough for the eye
 voice_seconds = 1.6 # the voices follow one another at this distance
 array names[6] = ["front left", "front right", "front centre", "noise (LFE)", "rear left", "rear right"]
 array colours[6] = [0x1f77b4, 0xd62728, 0x2ca02c, 0x7f7f7f, 0x9467bd, 0xff7f0e]
