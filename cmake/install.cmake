@@ -5,10 +5,17 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KesAudio)
 
 install(TARGETS kesaudio EXPORT KesAudioTargets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
 install(DIRECTORY include/kesaudio DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT KesAudioTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
-if(NOT ANDROID)
+foreach(level ${KESAUDIO_LEVELS})
+  if(TARGET kesaudio_${level})
+    install(TARGETS kesaudio_${level} COMPONENT library
+      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level} NAMELINK_SKIP)
+  endif()
+endforeach()
+if(KESAUDIO_PLATFORM AND NOT ANDROID)
   foreach(target ${KESAUDIO_PLATFORM_LIBRARIES})
     string(REPLACE kesaudio_host_ "" name ${target})
     set_target_properties(${target} PROPERTIES EXPORT_NAME ${name})
@@ -19,10 +26,6 @@ if(NOT ANDROID)
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kesaudio/platform COMPONENT development)
   install(EXPORT KesAudioHostTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
   foreach(level ${KESAUDIO_LEVELS})
-    if(TARGET kesaudio_${level})
-      install(TARGETS kesaudio_${level} COMPONENT library
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/glibc-hwcaps/${level} NAMELINK_SKIP)
-    endif()
     foreach(target ${KESAUDIO_PLATFORM_LIBRARIES})
       if(TARGET ${target}_${level})
         install(TARGETS ${target}_${level} COMPONENT library
@@ -32,10 +35,12 @@ if(NOT ANDROID)
   endforeach()
 endif()
 
-configure_package_config_file(cmake/KesAudioConfig.cmake.in KesAudioConfig.cmake INSTALL_DESTINATION ${package_dir}
+# Found as KesAudio and as kesaudio: a file with its name in small letters is looked for under both.
+configure_package_config_file(cmake/kesaudio-config.cmake.in kesaudio-config.cmake INSTALL_DESTINATION ${package_dir}
   NO_SET_AND_CHECK_MACRO)
-write_basic_package_version_file(KesAudioConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KesAudioConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/KesAudioConfigVersion.cmake
+write_basic_package_version_file(kesaudio-config-version.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kesaudio-config.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/kesaudio-config-version.cmake
   DESTINATION ${package_dir} COMPONENT development)
 
 # For pkg-config: from the file's own place, unless a folder was given as an absolute path, which then stays.
@@ -51,6 +56,9 @@ foreach(folder LIBDIR INCLUDEDIR)
     set(pc_${folder} "\${prefix}/${CMAKE_INSTALL_${folder}}")
   endif()
 endforeach()
+if(ANDROID AND NOT BUILD_SHARED_LIBS)
+  set(pc_static "Libs.private: -llog\n")
+endif()
 configure_file(cmake/kesaudio.pc.in kesaudio.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kesaudio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)

@@ -35,7 +35,6 @@ enum { LIMITER_OK = 0, LIMITER_BAD_TYPE = -1, LIMITER_BAD_STREAM = -2 };
 #ifdef __cplusplus
 extern "C" {
 #endif
-#pragma GCC visibility push(default)
 
 /* Sizes in bytes of the buffers that any stream needs, 0 for none: ours needs no scratch. LIMITER_BAD_TYPE, with both
  * sizes 0, for any convertType but 256. */
@@ -53,7 +52,6 @@ int32_t Limiter_Reset(void* instance);
 int32_t Limiter_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                         uint32_t* outBytes);
 
-#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

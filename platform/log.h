@@ -18,8 +18,7 @@ extern "C" {
 #endif
 
 /* Logs a printf-style message. Returns a positive number, or a negative one when writing failed. */
-__attribute__((visibility("default"), format(printf, 3, 4))) int __android_log_print(int priority, const char* tag,
-                                                                                     const char* format, ...);
+__attribute__((format(printf, 3, 4))) int __android_log_print(int priority, const char* tag, const char* format, ...);
 
 #ifdef __cplusplus
 }

@@ -18,7 +18,6 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
-#pragma GCC visibility push(default)
 
 /* Reasons for which a size query refuses a stream, or Palix_SetSamplingRate a rate. */
 enum {
@@ -57,7 +56,6 @@ int32_t Palix_MultiChannel_Reset(void* instance);
 int32_t Palix_MultiChannel_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                                    uint32_t* outBytes);
 
-#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -24,14 +24,12 @@ enum { SHIFTER_OK = 0, SHIFTER_BAD_TYPE = -1 };
 #ifdef __cplusplus
 extern "C" {
 #endif
-#pragma GCC visibility push(default)
 
 /* Converts as many whole samples as src holds and dst has room for. inBytes: available -> not consumed; outBytes:
  * capacity -> written. dst may be src where a sample gets no wider; else the blocks must not overlap. A type above 11
  * gives SHIFTER_BAD_TYPE, and 0 in outBytes. Keeps nothing between calls: any thread may call it. */
 int32_t Shifter_Process(const void* src, uint32_t* inBytes, void* dst, uint32_t* outBytes, uint32_t convertType);
 
-#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

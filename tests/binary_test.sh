@@ -1,11 +1,12 @@
 #!/bin/sh
 # Checks the built libraries as files: they export the functions that the public headers declare and no others, need
-# the C library and the platform's libraries alone, have segments for pages of 16 KiB, and nothing that is writable
-# and executable, or writable without need.
-# Usage: binary_test.sh INCLUDE_DIR LIBRARY OTHER_LIBRARY...; LIBRARY is libkesaudio.so, the others are ours as well.
+# the C library alone (with `platform` also the platform's libraries), have segments for pages of 16 KiB, and nothing
+# that is writable and executable, or writable without need.
+# Usage: binary_test.sh INCLUDE_DIR platform|bundled LIBRARY OTHER_LIBRARY...; LIBRARY is libkesaudio.so, the others are
+# ours as well.
 set -u
-include=$1 library=$2
-shift
+include=$1 engines=$2 library=$3
+shift 2
 failed=0
 wrong() { echo "$1: $2"; failed=1; }
 
@@ -16,7 +17,8 @@ exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sort)
 
 platform=$(grep -ohE '(Palix|Limiter|Shifter)_[A-Za-z_]+\(' "$include"/../platform/*_lib.h | tr -d '(')
 for name in __android_log_print $platform; do
-  nm -D --undefined-only "$library" | grep -qw "$name" || wrong "$library" "does not take $name from outside"
+  nm -D --undefined-only "$library" | grep -qw "$name" && takes=platform || takes=bundled
+  [ $takes = "$engines" ] || wrong "$library" "$engines, but it takes $name as if it were $takes"
 done
 
 dynamic=$(readelf -dW "$library")
@@ -43,14 +45,16 @@ for file in "$@"; do
   done
 done
 
+platform_libraries='lib(log|(palix32|keslimiter|kesshifter)_vendor)\.so'
+[ "$engines" = platform ] || platform_libraries=none
 for file in "$@"; do
   segments=$(readelf -lW "$file") dynamic=$(readelf -dW "$file")
   leaked=$(nm -D --defined-only "$file" | awk '{ print $3 }' |
     grep -vxF "$(printf '%s\n' __android_log_print $platform $declared)")
   [ -z "$leaked" ] || wrong "$file" "exports what no header declares: $(echo $leaked)"
   needed=$(echo "$dynamic" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
-    grep -vxE 'libc\.so\.6|lib(log|(palix32|keslimiter|kesshifter)_vendor)\.so|ld-linux.*')
-  [ -z "$needed" ] || wrong "$file" "needs more than the C library and the platform: $(echo $needed)"
+    grep -vxE "libc\.so\.6|$platform_libraries|ld-linux.*")
+  [ -z "$needed" ] || wrong "$file" "needs more than the C library, and with 'platform' the platform's: $(echo $needed)"
   [ "$(echo "$segments" | awk '$1 == "LOAD" { print $NF }' | sort -u)" = 0x4000 ] || wrong "$file" 'is not for pages of 16 KiB'
   echo "$segments" | grep -q 'GNU_RELRO' && echo "$dynamic" | grep -q 'BIND_NOW' || wrong "$file" 'is not read-only once relocated'
   echo "$segments" | grep -qE 'GNU_STACK.* RW +0' || wrong "$file" 'has an executable stack'

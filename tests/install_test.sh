@@ -1,9 +1,9 @@
 #!/bin/sh
 # Builds and runs projects outside the tree, by CMake and by pkg-config: against an installation that was moved,
 # against one with an absolute folder of libraries, against the sources, and against the unpacked Debian packages.
-# Usage: install_test.sh BUILD_DIR SOURCE_DIR VERSION
+# Usage: install_test.sh BUILD_DIR SOURCE_DIR VERSION platform|bundled|static
 set -eu
-build=$1 source=$2 version=$3
+build=$1 source=$2 version=$3 kind=$4
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 cd "$scratch"
@@ -15,22 +15,30 @@ use() {
   pc=$(dirname "$(find "$PWD/$1" -name kesaudio.pc)")
   libraries=$(dirname "$pc")
   [ "$(PKG_CONFIG_PATH=$pc pkg-config --modversion kesaudio)" = "$version" ] || die "$1: kesaudio.pc is not of $version"
-  quietly cc -std=c99 "$source/tests/c_user.c" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs kesaudio) -o c_user
-  quietly env LD_LIBRARY_PATH="$libraries" ./c_user
-  loaded() { readlink -f "$(LD_LIBRARY_PATH="$libraries" ldd ./c_user | sed -n "s/.*$1 => \(.*\) (.*/\1/p")"; }
-  [ "$(loaded liblog.so)" = "$libraries/kesaudio/liblog.so" ] || die "$1: the host's log is not in a folder of ours"
-  for library in libkesaudio.so.0 libpalix32_vendor.so libkesshifter_vendor.so; do
+  flags="$(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs --static kesaudio) -Wl,-rpath,$(
+    PKG_CONFIG_PATH=$pc pkg-config --variable=libdir kesaudio)"
+  quietly cc -std=c99 "$source/tests/c_user.c" $flags -o c_user
+  quietly ./c_user
+  quietly c++ -x c++ "$source/tests/c_user.c" $flags -o cxx_user
+  quietly ./cxx_user
+  needed=$(readelf -dW c_user | sed -n 's/.*(NEEDED).*\[\(.*\)\].*/\1/p' | xargs)
+  case $kind in
+    static) [ "$needed" = libc.so.6 ] || die "$1: the program needs $needed" ;;
+    *) [ "$needed" = 'libkesaudio.so.0 libc.so.6' ] || die "$1: the program needs $needed" ;;
+  esac
+  loaded() { readlink -f "$(ldd ./c_user | sed -n "s/.*$1 => \(.*\) (.*/\1/p")"; }
+  [ $kind != platform ] || [ "$(loaded liblog.so)" = "$libraries/kesaudio/liblog.so" ] ||
+    die "$1: the host's log is not in a folder of ours"
+  for library in $(ldd ./c_user | grep -oE 'lib(kesaudio|palix32_vendor|kesshifter_vendor)\.so[.0]*' | sort -u); do
     case $(grep -c ' avx2 ' /proc/cpuinfo):$(loaded $library) in
       0:* | *glibc-hwcaps*) ;;
       *) [ ! -e "$libraries/glibc-hwcaps" ] || die "$1: $library is not the one for this processor" ;;
     esac
   done
-  quietly c++ -x c++ "$source/tests/c_user.c" $(PKG_CONFIG_PATH=$pc pkg-config --cflags --libs kesaudio) -o cxx_user
-  quietly env LD_LIBRARY_PATH="$libraries" ./cxx_user
-  quietly cmake -G Ninja -S "$source/tests/consumer" -B "$1-user" -DKesAudio_ROOT="$PWD/$1"
+  quietly cmake -G Ninja -S "$source/tests/consumer" -B "$1-user" -DCMAKE_PREFIX_PATH="$PWD/$1"
   quietly cmake --build "$1-user"
   quietly "$1-user/c_user"
-  quietly "$1-user/host_user"
+  [ $kind != platform ] || quietly "$1-user/host_user"
   [ ! -e "$1/bin/kesconvert" ] || [ "$("$1/bin/kesconvert" --version)" = "kesconvert $version" ] ||
     die "$1: kesconvert does not run"
 }
@@ -39,6 +47,19 @@ quietly cmake --install "$build" --prefix "$scratch/installed"
 mv installed moved
 use moved
 find moved -name '*.so*' | grep -vE '/(kesaudio|glibc-hwcaps|libkesaudio\.so)' && die 'a library lies where others look'
+if [ $kind = bundled ]; then # the file alone
+  mkdir alone && cp "$libraries/libkesaudio.so.0" alone/
+  quietly python3 -c "import ctypes; ctypes.CDLL('alone/libkesaudio.so.0').InitKesAudioSrcInC"
+fi
+
+# As a part of another project: in its program, or beside it. Installed, the program is all that is needed.
+case $kind in platform) shared= ;; bundled) shared=-DBUILD_SHARED_LIBS=ON ;; static) exit 0 ;; esac
+quietly cmake -G Ninja -S "$source/tests/consumer" -B inside -DKESAUDIO_SOURCE="$source" -DCMAKE_BUILD_TYPE=Debug $shared
+quietly cmake --build inside
+quietly cmake --install inside --prefix theirs
+rm -r inside
+quietly theirs/bin/c_user
+[ $kind = platform ] || exit 0
 
 # An absolute folder of libraries is kept as given. It is that of the other installation.
 plain="-DKESAUDIO_BUILD_TESTS=OFF -DKESAUDIO_BUILD_TOOLS=OFF -DKESAUDIO_BUILD_BENCH=OFF"
@@ -46,11 +67,6 @@ quietly cmake -G Ninja -S "$source" -B configured $plain -DCMAKE_INSTALL_PREFIX=
   -DCMAKE_INSTALL_LIBDIR="$libraries" -DCMAKE_INSTALL_INCLUDEDIR="$scratch/moved/include"
 quietly cc "$source/tests/c_user.c" $(pkg-config --cflags --libs configured/kesaudio.pc) -o c_user
 quietly env LD_LIBRARY_PATH="$libraries" ./c_user
-
-quietly cmake -G Ninja -S "$source/tests/consumer" -B inside -DKESAUDIO_SOURCE="$source" -DCMAKE_BUILD_TYPE=Debug \
-  -DKESAUDIO_LEVELS=
-quietly cmake --build inside
-quietly inside/c_user
 
 quietly cpack --config "$build/CPackConfig.cmake" -B "$scratch/packages"
 for package in libkesaudio0 libkesaudio-dev kesaudio-tools; do

@@ -22,6 +22,6 @@ for source in bitconvert/*.cpp channel/*.cpp resampler/*.cpp tools/*.cpp tests/*
     [ "$source" = tests/palix_test.cpp ] || names "$source" || complain "lacks $source"
 done
 for flag in $(cat CMakeLists.txt cmake/shared_library.cmake | grep -v '^ *#' | grep -oE -- '-(Wl,|[fmW])[A-Za-z0-9_=,-]+'); do
-  case $flag in -Werror | -Wl,--version-script* | -march=*) ;; *) names "$flag" || complain "lacks $flag" ;; esac
+  case $flag in -Werror | -f*-sections | -Wl,--version-script* | -march=*) ;; *) names "$flag" || complain "lacks $flag" ;; esac
 done
 exit $failed

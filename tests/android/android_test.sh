@@ -18,14 +18,22 @@ rm -f ./*.aar ./*.so ./*.so.6 ./*.c
 # ---- the library
 
 "$root/tests/android/stubs.sh" stubs
-{ cmake -S "$root" -B build -G Ninja --toolchain "$root/tests/android/toolchain.cmake" \
-  -DKESAUDIO_ANDROID_LIBRARIES="$PWD/stubs" -DKESAUDIO_ANDROID_SYSTEM="$PWD/stubs/system" \
-  -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O0 -DKESAUDIO_WERROR=ON -DKESAUDIO_BUILD_TESTS=OFF \
-  -DKESAUDIO_BUILD_TOOLS=OFF -DKESAUDIO_BUILD_BENCH=OFF && cmake --build build; } \
-  >build.log 2>&1 || { cat build.log; die 'the build for Android failed'; }
-library=$PWD/build/libkesaudio.so
+configure() { # folder, options
+  cmake -S "$root" -B "$@" -G Ninja --toolchain "$root/tests/android/toolchain.cmake" \
+    -DKESAUDIO_ANDROID_SYSTEM="$PWD/stubs/system" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O0 \
+    -DKESAUDIO_WERROR=ON -DKESAUDIO_BUILD_TESTS=OFF -DKESAUDIO_BUILD_TOOLS=OFF -DKESAUDIO_BUILD_BENCH=OFF
+}
+build() { { configure "$@" && cmake --build "$1"; } >build.log 2>&1 || { cat build.log; die 'the build for Android failed'; }; }
+build app
+build build -DKESAUDIO_ANDROID_LIBRARIES="$PWD/stubs"
+rm -rf refused
+if configure refused -DKESAUDIO_ENGINES=platform >build.log 2>&1; then die "it took no device's libraries"; fi
+grep -q 'DKESAUDIO_ENGINES=bundled' build.log || die 'instead of the way out:' "$(cat build.log)"
 
+library=$PWD/app/libkesaudio.so
 dynamic() { readelf -dW "$library" | sed -n "s/.*($1).*\[\(.*\)\]/\1/p" | sort | xargs; }
+same 'what an app needs' "$(dynamic NEEDED)" 'libc.so liblog.so'
+library=$PWD/build/libkesaudio.so
 same 'its SONAME' "$(dynamic SONAME)" libkesaudio.so
 same 'what it needs' "$(dynamic NEEDED)" \
   'libc.so libkeslimiter_vendor.so libkesshifter_vendor.so liblog.so libpalix32_vendor.so'
