@@ -62,6 +62,10 @@ struct Steps {
   using Step = PairsStep<Format, Fold<Format>, Loader>;
 };
 
+void repeatChannel(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames) {
+  expandFrames(dst, out, src, in, frames, Fill::kRepeat);
+}
+
 }  // namespace
 
 void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* src, int32_t srcChannels,
@@ -74,7 +78,7 @@ void channel_DownMix_Fold_Minus3dB(void* dst, int32_t dstChannels, const void* s
     const std::ptrdiff_t frames = frameCount<Format>(blocks);
     if (srcChannels >= 2 && srcChannels <= kMaxMixChannels)
       return mixBlock(loopForChannels<Format, Steps<Format>>(srcChannels), {srcChannels, {}}, blocks.dst, out,
-                      blocks.src, in, frames, Fill::kRepeat);
+                      blocks.src, in, frames, repeatChannel);
     const int shift = kMixGainShift + extraShift<Format>(srcChannels);
     forEachFrame(blocks.dst, out, blocks.src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
       const int32_t value = foldFrame<Format>(inFrame, srcChannels, shift);

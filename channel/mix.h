@@ -98,18 +98,23 @@ MixLoop loopForChannels(std::int32_t channels) {
   std::memcpy(dst + done * loop.out, to, static_cast<std::size_t>(rest * loop.out));
 }
 
+// Makes frames of out bytes from frames of in bytes.
+using ResizeFrames = void (*)(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
+                              std::ptrdiff_t frames);
+
 // Mixes frames of in bytes to frames of out bytes. Frames of other sizes than the loop's go through chunks on the
-// stack: missing input channels are silent, surplus ones dropped; fill is the content of surplus output channels.
-inline void mixBlock(const MixLoop& loop, const MixCall& call, Byte* dst, std::ptrdiff_t out, const Byte* src,
-                     std::ptrdiff_t in, std::ptrdiff_t frames, Fill fill = Fill::kSilence) {
+// stack: surplus input channels are dropped, and resize makes the output frames.
+[[gnu::noinline]] inline void mixBlock(const MixLoop& loop, const MixCall& call, Byte* dst, std::ptrdiff_t out,
+                                       const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
+                                       ResizeFrames resize = nullptr) {
   if (in == loop.in && out == loop.out) return mixFrames(loop, call, dst, src, frames);
   constexpr std::ptrdiff_t kChunkFrames = 128;
   Byte from[kChunkFrames * kMaxMixChannels * 4], to[kChunkFrames * 2 * 4];
   for (; frames > 0; frames -= kChunkFrames) {
     const std::ptrdiff_t count = frames < kChunkFrames ? frames : kChunkFrames;
-    if (in != loop.in) resizeFrames(from, loop.in, src, in, count, Fill::kSilence);
+    if (in != loop.in) stripFrames(from, loop.in, src, in, count);
     mixFrames(loop, call, out == loop.out ? dst : to, in == loop.in ? src : from, count);
-    if (out != loop.out) resizeFrames(dst, out, to, loop.out, count, fill);
+    if (out != loop.out) resize(dst, out, to, loop.out, count);
     dst += count * out, src += count * in;
   }
 }

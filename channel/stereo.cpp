@@ -10,6 +10,8 @@
 // Each mix stands once, for every sample format and machine: Samples<Format> is a vector of 16-bit lanes for S16 and
 // of 32-bit lanes for S24 (packed 24-bit, unpacked by samples.h) and S32 (8.24, too); gain and clampedSum are in
 // gain.h. A new layout is a struct below and its mask in channel_DownMix_To_Stereo.
+#include <algorithm>
+
 #include "channel/mix.h"
 #include "kesaudio/channel_kernels.h"
 
@@ -163,6 +165,17 @@ void mixPairwise(const Blocks& blocks) {
                [=](Byte* outFrame, const Byte* inFrame) { averagePairwise<Format>(outFrame, inFrame, channels); });
 }
 
+// Of stereo frames to any other width. The plain way, since few callers want it and the vectors of an upmix would
+// come along into every program that mixes.
+[[gnu::noinline]] void resizeStereo(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
+                                    std::ptrdiff_t frames) {
+  const auto kept = static_cast<std::size_t>(std::min(in, out)), all = static_cast<std::size_t>(out);
+  forEachFrame(dst, out, src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
+    std::memcpy(outFrame, inFrame, kept);
+    std::memset(outFrame + kept, 0, all - kept);
+  });
+}
+
 template <template <class> class Layout>
 void mixLayout(const Blocks& blocks, PcmFormat format) {
   withFormat(format, [&](auto formatTag) {
@@ -174,7 +187,7 @@ void mixLayout(const Blocks& blocks, PcmFormat format) {
     // Frames of more than kMaxMixChannels are cut down to the layout's channels first.
     const int32_t channels = blocks.srcChannels <= kMaxMixChannels ? blocks.srcChannels : Layout<Format>::kChannels;
     mixBlock(loopOfLayout<Format, Layout>(channels), {channels, {}}, blocks.dst, frameBytes<Format>(dstChannels),
-             blocks.src, frameBytes<Format>(blocks.srcChannels), frameCount<Format>(blocks));
+             blocks.src, frameBytes<Format>(blocks.srcChannels), frameCount<Format>(blocks), resizeStereo);
   });
 }
 
