@@ -141,6 +141,20 @@ TEST(WideFrames, AreExact) {
         checker.check({kernel, kernel == kStrip ? 1 : 2, channels, bytes, format, mask});
 }
 
+// The sum of -46346 a channel, or 256 times that of a packed one, leaves 32 bits, and comes out at the other end.
+TEST(LargeCounts, WrapAFoldsSumWhereTheHeaderSays) {
+  for (auto [format, channels, expected] :
+       {std::tuple{1u, 46335, -32768}, {1u, 46336, 32767}, {6u, 180, -8388608}, {6u, 181, 8388607}}) {
+    const Call call{kFold, 1, channels, channels * (format == 1 ? 2 : 3), format};
+    Bytes in, wanted;
+    for (int c = 0; c < channels; ++c) appendSample(in, format == 1 ? -32768 : -8388608, call.sampleBytes());
+    appendSample(wanted, expected, call.sampleBytes());
+    Bytes out(wanted.size());
+    call.run(out.data(), in.data());
+    EXPECT_EQ(out, wanted) << channels;
+  }
+}
+
 TEST(LargeCounts, AreWrittenToTheLast) {
   const Bytes in(1 << 22, 7);
   Bytes out(8 * in.size());
