@@ -398,8 +398,10 @@ void AudioSink::finish() {
   // channel.
   char header[64] = {};
   const bool isRead = pread(file_.fd, header, sizeof header, 0) > 0;
-  const auto mask = static_cast<off_t>(std::string_view(header, sizeof header).find("fmt ") + 8 + 20);
-  if (!isRead || pwrite(file_.fd, &layout_, sizeof layout_, mask) != ssize_t{sizeof layout_})
+  const auto format = std::string_view(header, sizeof header).find("fmt ");
+  const auto mask = static_cast<off_t>(format + 8 + 20);
+  if (!isRead || format == std::string_view::npos ||
+      pwrite(file_.fd, &layout_, sizeof layout_, mask) != ssize_t{sizeof layout_})
     failToWrite(output_.name(), errno);
 }
 
