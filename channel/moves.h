@@ -11,20 +11,12 @@ namespace kesaudio::channel {
 // Content of the bytes by which an output frame exceeds its input frame.
 enum class Fill { kSilence, kRepeat };
 
-// Keeps the first out bytes of each frame, out < in. Also in place, and onto any place before src.
+// Keeps the first out bytes of each frame, out <= in. Also in place, and onto any place before src.
 void stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames);
 
 // Makes each frame longer, out > in. Also in place, and onto any place behind src.
 void expandFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
                   Fill fill);
-
-// Strips, expands or copies, by the two sizes; fill matters only when frames grow.
-inline void resizeFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in, std::ptrdiff_t frames,
-                         Fill fill) {
-  if (out < in) return stripFrames(dst, out, src, in, frames);
-  if (out > in) return expandFrames(dst, out, src, in, frames, fill);
-  if (frames > 0) std::memmove(dst, src, static_cast<std::size_t>(frames * out));
-}
 
 }  // namespace kesaudio::channel
 

@@ -19,8 +19,7 @@ template <class Piece, bool kMasked = false>
 [[gnu::noinline]] void copyPieces(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                   std::ptrdiff_t frames, const Byte* mask = nullptr) {
   typedef Piece Unaligned __attribute__((aligned(1), may_alias));
-  constexpr int kTogether = kStrides;
-  const Strides<kTogether> outs(out), ins(in);
+  const Strides<kStrides> outs(out), ins(in);
   Piece kept{};
   if constexpr (kMasked) kept = *reinterpret_cast<const Unaligned*>(mask);
   const auto copy = [&]<int... i>(std::integer_sequence<int, i...>) KESAUDIO_INLINED {
@@ -31,7 +30,7 @@ template <class Piece, bool kMasked = false>
     ((*reinterpret_cast<Unaligned*>(dst + outs[i]) = pieces[i]), ...);
     dst += kCount * out, src += kCount * in;
   };
-  for (; frames >= kTogether; frames -= kTogether) copy(std::make_integer_sequence<int, kTogether>());
+  for (; frames >= kStrides; frames -= kStrides) copy(std::make_integer_sequence<int, kStrides>());
   for (; frames > 0; --frames) copy(std::make_integer_sequence<int, 1>());
 }
 

@@ -14,6 +14,10 @@ using namespace kesaudio::channel;
 void kesaudio::channel::stripFrames(Byte* dst, std::ptrdiff_t out, const Byte* src, std::ptrdiff_t in,
                                     std::ptrdiff_t frames) {
   if (frames <= 0) return;
+  if (out == in) {
+    std::memmove(dst, src, static_cast<std::size_t>(frames * out));
+    return;
+  }
   const auto piece = static_cast<std::ptrdiff_t>(std::bit_ceil(static_cast<std::size_t>(out)));
   if (piece > 32)  // memmove, since in place the two frames may overlap by any number of bytes
     return forEachFrame(dst, out, src, in, frames, [=](Byte* outFrame, const Byte* inFrame) {
@@ -41,7 +45,7 @@ void channel_DownMix_Strip(void* dst, int32_t dstChannels, const void* src, int3
   const Blocks blocks{static_cast<Byte*>(dst), dstChannels, static_cast<const Byte*>(src), srcChannels, byteCount};
   withFormat(format, [&](auto formatTag) {
     using Format = decltype(formatTag);
-    resizeFrames(blocks.dst, frameBytes<Format>(dstChannels), blocks.src, frameBytes<Format>(srcChannels),
-                 frameCount<Format>(blocks), Fill::kSilence);
+    stripFrames(blocks.dst, frameBytes<Format>(dstChannels), blocks.src, frameBytes<Format>(srcChannels),
+                frameCount<Format>(blocks));
   });
 }

@@ -215,7 +215,8 @@ void upmix(const Blocks& blocks, PcmFormat format, Fill fill) {
     const std::ptrdiff_t in = frameBytes<Format>(blocks.srcChannels), out = frameBytes<Format>(blocks.dstChannels);
     const std::ptrdiff_t frames = frameCount<Format>(blocks);
     if (out > INT32_MAX || frames * out > INT32_MAX) return;
-    resizeFrames(blocks.dst, out, blocks.src, in, frames, fill);
+    if (out > in) return expandFrames(blocks.dst, out, blocks.src, in, frames, fill);
+    stripFrames(blocks.dst, out, blocks.src, in, frames);
   });
 }
 
