@@ -1,6 +1,6 @@
-# What `cmake --install` puts where, as three components: the library (with, off Android, the host's platform libraries
-# in a folder of our own, where ours alone finds them), what is needed to build with it, and the tools. Everything finds
-# its neighbours from where it lies itself, so the whole may be moved. CPack makes a Debian package of each.
+# Installs three components, each of which CPack makes a Debian package of: the library (with the host libraries, in a
+# folder where it alone finds them), the files to build with it, and kesconvert. All paths are relative, so the whole
+# may be moved.
 include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/KesAudio)
 
@@ -9,6 +9,10 @@ install(TARGETS kesaudio EXPORT KesAudioTargets INCLUDES DESTINATION ${CMAKE_INS
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
 install(DIRECTORY include/kesaudio DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT KesAudioTargets NAMESPACE KesAudio:: DESTINATION ${package_dir} COMPONENT development)
+if(TARGET kesaudio_static)
+  install(TARGETS kesaudio_static EXPORT KesAudioTargets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+endif()
 foreach(level ${KESAUDIO_LEVELS})
   if(TARGET kesaudio_${level})
     install(TARGETS kesaudio_${level} COMPONENT library
@@ -64,8 +68,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kesaudio.pc DESTINATION ${CMAKE_INSTAL
   COMPONENT development)
 
 if(TARGET kesconvert)
-  file(RELATIVE_PATH libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-  set_target_properties(kesconvert PROPERTIES INSTALL_RPATH $ORIGIN/${libraries})
   install(TARGETS kesconvert RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(FILES tools/kesconvert.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 endif()

@@ -24,17 +24,16 @@ set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "The library, and in a folder of its own
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkesaudio-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
-set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, CMake package and pkg-config file.")
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "Headers, static library, CMake package and pkg-config file.")
 
 if(TARGET kesconvert)
   list(APPEND CPACK_COMPONENTS_ALL tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kesaudio-tools)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION sound)
-  set(CPACK_COMPONENT_TOOLS_DEPENDS library)
   set(CPACK_COMPONENT_TOOLS_DESCRIPTION "kesconvert, which converts audio files through the library.")
 endif()
 
-# What Debian wants in a package beside what is installed.
+# Adds the documents that Debian wants in a package.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/debian_documents.cmake)
 set(CPACK_KESAUDIO_CHANGELOG ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 include(CPack)

@@ -1,4 +1,4 @@
-# Where the runtime of clang's address sanitizer lies, for programs to find it.
+# Lets programs find the runtime of clang's address sanitizer.
 if(CMAKE_CXX_FLAGS MATCHES "-shared-libasan")
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
     OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)

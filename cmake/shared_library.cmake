@@ -1,13 +1,12 @@
-# What all of our libraries have in common.
+# Settings of all our libraries.
 #
 #   kesaudio_compiled(target level)                        how a target's sources are compiled, for a level of x86-64
 #                                                          or for any ("")
 #   kesaudio_shared_library(target name level source...)   the file lib<name>.so
 #
 # Exceptions, run-time types and the C++ runtime stay out: the libraries then need the C library alone, and a caller may
-# bring any C++ runtime or none. They run nothing when they are loaded, so nothing of the C runtime's start-up is linked
-# into them either; its object files may lack the mark that every object of a library needs to have, before the loader
-# lets 64-bit Arm check the targets of its branches (BTI). The NDK's have it.
+# bring any C++ runtime or none. They run nothing when they are loaded, so off Android the C runtime's start files stay
+# out, too: on 64-bit Arm these may lack the BTI note, and a library has it only if all of its objects do.
 #
 # Pages of 16 KiB are what newer devices have, and a segment that is aligned to them can be mapped on any.
 function(kesaudio_compiled target level)
@@ -18,7 +17,8 @@ function(kesaudio_compiled target level)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "aarch64|arm64")
     target_compile_options(${target} PRIVATE -mbranch-protection=standard)
   endif()
-  if(NOT BUILD_SHARED_LIBS)  # a linker that is asked to leaves out what a program does not call
+  get_target_property(type ${target} TYPE)
+  if(NOT type STREQUAL SHARED_LIBRARY)  # a linker that is asked to leaves out what a program does not call
     target_compile_options(${target} PRIVATE -ffunction-sections -fdata-sections)
   endif()
   if(level)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Compiles the examples of the headers and the README, as C99 and as C++, runs them and checks their output; and runs
-the README's Python.
+the README's Python. Every `./kes` command that a document names must exist.
 Usage: examples_test.py SOURCE_DIR LIBRARY_DIR CC CXX"""
 import os, pathlib, re, subprocess, sys, tempfile
 
@@ -44,6 +44,9 @@ with tempfile.TemporaryDirectory() as folder:
             if made != output:
                 sys.exit(f'{name}.{suffix} prints {made!r}, expected {output!r}')
 
+for document in source / 'README.md', source / 'CONTRIBUTING.md', *source.glob('docs/*.md'):
+    for command in re.findall(r'\./kes ([a-z]+)', document.read_text()):
+        assert f'\ncmd_{command}() {{' in (source / 'kes').read_text(), f'{document} names ./kes {command}'
 (python, printed), = re.findall(r'```python\n(.*?)```\n\nprints `(.*?)`', readme, re.S)
 os.environ.update(KESAUDIO_LIBRARY=f'{library}/libkesaudio.so', PYTHONPATH=f'{source}/python')
 made = subprocess.run([sys.executable, '-B', '-c', python], check=True, capture_output=True, text=True).stdout

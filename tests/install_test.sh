@@ -38,6 +38,8 @@ use() {
   quietly cmake -G Ninja -S "$source/tests/consumer" -B "$1-user" -DCMAKE_PREFIX_PATH="$PWD/$1"
   quietly cmake --build "$1-user"
   quietly "$1-user/c_user"
+  quietly "$1-user/static_user"
+  readelf -dW "$1-user/static_user" | grep NEEDED | grep -v 'libc\.so\.6' && die "$1: the static library needs more than C"
   [ $kind != platform ] || quietly "$1-user/host_user"
   [ ! -e "$1/bin/kesconvert" ] || [ "$("$1/bin/kesconvert" --version)" = "kesconvert $version" ] ||
     die "$1: kesconvert does not run"
@@ -52,6 +54,14 @@ if [ $kind = bundled ]; then # the file alone
   quietly python3 -c "import ctypes; ctypes.CDLL('alone/libkesaudio.so.0').InitKesAudioSrcInC"
 fi
 
+# The README's commands, for a prefix of one's own; packages come later.
+ln -s "$build" build && cp "$source/tests/c_user.c" yours.c
+commands=$(sed -n '/^cmake --install build/,/^```/p' "$source/README.md" | sed "/^apt install/d; /^\`/d; s# * \# .*##
+  s#/opt/kesaudio#$scratch/own#g; s#/lib/pkgconfig#${pc#"$PWD/moved"}#; s#^cc .*#&; ./a.out#")
+[ "$(echo "$commands" | grep -c '^cc ')" = 2 ] || die 'the README does not link both libraries'
+[ $kind != static ] || commands=$(echo "$commands" | grep -v rpath)
+quietly sh -ec "$commands"
+
 # As a part of another project: in its program, or beside it. Installed, the program is all that is needed.
 case $kind in platform) shared= ;; bundled) shared=-DBUILD_SHARED_LIBS=ON ;; static) exit 0 ;; esac
 quietly cmake -G Ninja -S "$source/tests/consumer" -B inside -DKESAUDIO_SOURCE="$source" -DCMAKE_BUILD_TYPE=Debug $shared
@@ -62,7 +72,7 @@ quietly theirs/bin/c_user
 [ $kind = platform ] || exit 0
 
 # An absolute folder of libraries is kept as given. It is that of the other installation.
-plain="-DKESAUDIO_BUILD_TESTS=OFF -DKESAUDIO_BUILD_TOOLS=OFF -DKESAUDIO_BUILD_BENCH=OFF"
+plain=$(sed -n 's/^cmake -B build \(-DKESAUDIO_BUILD_TESTS=OFF\)/\1/p' "$source/README.md")
 quietly cmake -G Ninja -S "$source" -B configured $plain -DCMAKE_INSTALL_PREFIX=/opt/kesaudio \
   -DCMAKE_INSTALL_LIBDIR="$libraries" -DCMAKE_INSTALL_INCLUDEDIR="$scratch/moved/include"
 quietly cc "$source/tests/c_user.c" $(pkg-config --cflags --libs configured/kesaudio.pc) -o c_user
@@ -74,6 +84,7 @@ for package in libkesaudio0 libkesaudio-dev kesaudio-tools; do
   depends=$(dpkg-deb -f packages/${package}_"$version"_*.deb Depends)
   case $package in
     libkesaudio0) echo "$depends" | grep -q libstdc++ && die "$package needs $depends" ;;
+    kesaudio-tools) echo "$depends" | grep libkesaudio && die "$package is not one program" ;;
     *) echo "$depends" | grep -q "libkesaudio0 (= $version" || die "$package needs no library but $depends" ;;
   esac
 done
