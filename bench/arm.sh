@@ -1,7 +1,8 @@
 #!/bin/sh
-# How many instructions a frame costs on 64-bit Arm, counted without one: the kernels and the same mixes as plain loops
-# are built for aarch64 by g++ and by clang, and run under qemu-aarch64, one instruction at a time, each of which it logs. From the log also comes one turn of each vector loop, in the order of its running,
-# for llvm-mca to say what it takes on two processors. Prints Markdown; keeps the builds and the loops in build/arm/.
+# Counts the instructions of a frame on 64-bit Arm, on any machine: builds the kernels, and the same mixes as plain
+# loops, for aarch64 by g++ and by clang, and runs them under qemu-aarch64, which logs every instruction. Takes one turn
+# of each vector loop from that log for llvm-mca to time on two processors. Prints Markdown; keeps the builds and the
+# loops in build/arm/.
 #
 #   bench/arm.sh    from the root of the project
 set -eu
