@@ -10,7 +10,6 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <span>
 
 #include "failure.h"
 
@@ -127,23 +126,6 @@ sf_count_t moveAll(VirtualFile& file, sf_count_t count, Move move) {
   return done;
 }
 
-// Programs that write to a pipe leave the size of the audio open: 0 in a WAV, -1 in a CAF. libsndfile does not read
-// on to the end then, so a size of 0 is replaced by the greatest, -1 by the bytes that follow.
-void fillSize(VirtualFile& file, std::span<unsigned char> read) {
-  const bool isData = std::string_view(file.lastWord, 4) == "data";
-  const auto isAll = [&](unsigned char byte) { return std::ranges::count(read, byte) == std::ssize(read); };
-  char next[4] = {};
-  if (isData && read.size() == 4 && isAll(0) && pread(file.fd, next, sizeof next, file.position) > 0) {
-    const bool isChunk = std::isalpha(static_cast<unsigned char>(next[0])) != 0;
-    if (!isChunk) std::ranges::fill(read, static_cast<unsigned char>(0xFF));
-  }
-  if (isData && read.size() == 8 && isAll(0xFF)) {
-    const auto left = static_cast<std::uint64_t>(lseek(file.fd, 0, SEEK_END) - file.position);
-    for (unsigned i = 0; i < 8; ++i) read[i] = static_cast<unsigned char>(left >> (56 - 8 * i));
-  }
-  if (read.size() == 4) std::memcpy(file.lastWord, read.data(), 4);
-}
-
 sf_count_t readVirtual(void* target, sf_count_t count, void* user) {
   VirtualFile& file = fileOf(user);
   auto* bytes = static_cast<unsigned char*>(target);
@@ -152,7 +134,6 @@ sf_count_t readVirtual(void* target, sf_count_t count, void* user) {
   });
   // A scan for chunks ends with the file.
   if (got == 0 && !file.sequential) file.position = std::max(file.position, file.length);
-  if (file.fillsSizes && got == count) fillSize(file, {bytes, static_cast<std::size_t>(count)});
   return got;
 }
 
@@ -243,7 +224,6 @@ AudioSource::AudioSource(const Descriptor& file, const std::string& name, const 
   file_.length = isPromising ? kEndless : isW64 ? std::max(status.st_size, promised) : status.st_size;
   constexpr sf_count_t kMaxMissing = 1 << 20;
   if (isPromising && kind->bytes == "caff") file_.length = status.st_size + kMaxMissing;  // it reads chunks whole
-  file_.fillsSizes = isPromising;
   SF_INFO info{};
   const bool isSound = (!raw || isNamedFile) && open(info);
   const bool isCompressed = isSound && encodingOf(info.format).bytes == 0;
@@ -327,7 +307,8 @@ std::size_t AudioSource::read(std::int32_t* samples, std::size_t wanted) {
     const QuietStandardError quiet;
     read = sf_readf_double(sound_.get(), doubles_.data(), count);
     for (std::size_t i = 0; i < static_cast<std::size_t>(read) * format.channels; ++i) {
-      const std::size_t source = order_.empty() ? i : i - i % format.channels + order_[i % format.channels];
+      const std::size_t source =
+          order_.empty() ? i : i - i % format.channels + static_cast<std::size_t>(order_[i % format.channels] - '0');
       const double sample = doubles_[source] * (1 << 24);
       const double inRange = std::isnan(sample) ? 0 : std::clamp<double>(sample, INT32_MIN, INT32_MAX);
       clippedSamples += inRange != sample;

@@ -25,8 +25,6 @@ struct VirtualFile {
   int fd = -1;
   bool sequential = false;  // a stream, which cannot seek
   sf_count_t length = 0;    // as libsndfile is told
-  bool fillsSizes = false;  // replaces sizes that a writer to a pipe left open
-  char lastWord[4] = {};    // the last four bytes read, such as the name of a chunk
   sf_count_t position = 0;
   int error = 0;  // errno of a call that failed
 };
@@ -60,7 +58,7 @@ class AudioSource {
   Sound sound_{nullptr, sf_close};
   std::uint64_t delivered_ = 0;
   std::vector<double> doubles_;
-  std::vector<unsigned> order_;  // place of each channel in the file's frames; empty if in the order of the layout
+  std::string order_;  // place of each channel in the file's frames; empty if in the order of the layout
 };
 
 class AudioSink {

@@ -23,6 +23,8 @@ void unpack(const unsigned char* packed, unsigned sampleBytes, std::span<std::in
   }
 }
 
+constexpr unsigned kMaxDelaySeconds = 10;  // of all stages together, and more
+
 using Block = std::span<const unsigned char>;  // of whole frames
 using Next = std::function<void(Block)>;
 
@@ -43,6 +45,8 @@ class StageRunner {
       const std::size_t offered = std::min(in.size(), offeredBytes_);
       auto left = static_cast<std::uint32_t>(offered), made = static_cast<std::uint32_t>(out_.size());
       stage_.process(in.data(), &left, out_.data(), &made);
+      if (left >= offered && made == 0)
+        fail("{}: the library takes no input and makes no output; leave this step out", stage_.description);
       in = in.subspan(offered - left);
       const Block done = Block(out_).first(made);
       if (stage_.canClip) countLimits(done);
@@ -92,7 +96,7 @@ Plan makePlan(const StreamFormat& in, ChannelMask layout, const StreamFormat& ou
   if (!isUpmix) addMix();
   if (now.rate != out.rate) {
     if (now.samples == KES_PCM_S24_PACKED) addFormat(KES_PCM_S32);
-    add("rate:   ", resampleTo(out.rate, now, options.multichannel));
+    add("rate:   ", resampleTo(out.rate, now));
   }
   if (options.limit) {
     if (now.channels > 2) fail("--limit is for 1 or 2 channels, not for {}; add --channels 2", now.channels);
@@ -152,7 +156,12 @@ Report convert(AudioSource& source, const std::vector<Stage>& stages, const Stre
   // Silence pushes out the frames that the stages still hold.
   allFrames = rescaledFrameCount(inFrames, in.rate, out.rate);
   std::ranges::fill(block, 0);
-  while (report.outFrames < allFrames) next(block);
+  for (std::uint64_t silence = 0; report.outFrames < allFrames; silence += blockFrames) {
+    if (silence / kMaxDelaySeconds > static_cast<std::uint64_t>(in.rate))
+      fail("the library keeps back {} of {} frames; leave out --rate or --limit", allFrames - report.outFrames,
+           allFrames);
+    next(block);
+  }
   report.clippedSamples += source.clippedSamples;
   return report;
 }

@@ -13,7 +13,6 @@ namespace kesconvert {
 
 struct ConversionOptions {
   bool addSilentChannels = false;
-  bool multichannel = false;  // resampler, for stereo too
   bool limit = false;
 };
 

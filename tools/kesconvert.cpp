@@ -33,8 +33,6 @@ namespace fs = std::filesystem;
 constexpr unsigned kMaxChannels = KES_CHANNEL_CONVERTER_MAX_CHANNELS;
 
 constexpr const char* kExamples = R"(Examples:
-  kesconvert film.wav film-stereo.flac --channels 2
-      A 5.1 recording to stereo; the layout is taken from the file.
   kesconvert take.wav stereo.wav --channels 2 --layout 4.0
       The four channels have no layout in the file, and are not quad.
   kesconvert film.wav cd.wav --channels 2 --rate 44100 --limit
@@ -46,9 +44,7 @@ constexpr const char* kExamples = R"(Examples:
   arecord -t raw -f S16_LE -r 48000 -c 2 | kesconvert - mono.wav --channels 1 --raw 48000:2:s16
       Raw PCM from a pipe.
 
-The layout comes from --layout, else from the file; where neither says it, four channels are taken as quad and six as
-5.1. Only a downmix to two channels depends on it: 3.0, 3.0-back, 2.1, quad and 5.1 have a mix of their own, 5.1-side,
-5.0, 6.1 and 7.1 are mixed as 5.1, any other layout, and none, gets the pairwise average.)";
+The manual page kesconvert(1) says which layout is assumed, and which mix it gets.)";
 
 struct Options {
   std::vector<std::string> files;  // inputs, and the output
@@ -124,14 +120,9 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
       "output as WAV");
   app.add_option("-c,--channels", options.channels, "channels of the output, as many as the input's if not given")
       ->check(CLI::Range(1u, kMaxChannels));
-  CLI::Option* const rate =
-      app.add_option("-r,--rate", options.rate,
-                     "sampling rate of the output in Hz or as 44.1k, the input's if not given")
-          ->transform(parseRate)
-          ->check(CLI::Range(kMinRate, kMaxRate).description(fmt::format("{} to {}", kMinRate, kMaxRate)));
-  app.add_flag("--multichannel", options.conversion.multichannel,
-               "resample stereo, too, by the multichannel resampler, which other channel counts always take")
-      ->needs(rate);
+  app.add_option("-r,--rate", options.rate, "sampling rate of the output in Hz or as 44.1k, the input's if not given")
+      ->transform(parseRate)
+      ->check(CLI::Range(kMinRate, kMaxRate).description(fmt::format("{} to {}", kMinRate, kMaxRate)));
   app.add_option_function<std::string>(
       "--layout", [&](const std::string& text) { options.layout = parseLayout(text); },
       "layout of the input: a mask like 0x3F or one of " + layoutNames());
@@ -160,6 +151,7 @@ std::optional<int> parseArguments(int argc, char** argv, Options& options) {
   }
   if (options.files.size() < 2)
     failUsage("{} is required; see kesconvert --help", options.files.empty() ? "IN" : "OUT");
+  if (std::ranges::count(options.files, "") > 0) failUsage("the name of a file is empty; see kesconvert --help");
   if ((options.files.size() > 2 || options.files.back().ends_with('/')) && !isFolder(options.files.back()))
     failUsage("{} is no folder; make it first, to hold the outputs", options.files.back());
   if (options.files.back() == "/dev/stdout") options.files.back() = "-";
@@ -328,8 +320,9 @@ int convertAll(const Options& options) {
       fs::path path = out / fs::path(in).filename();
       const int container = containerOfName(path).value_or(SF_FORMAT_MPEG);
       if (container == SF_FORMAT_MPEG || container == SF_FORMAT_OGG) path.replace_extension(".wav");
-      if (!written.insert(path).second) fail("{} has been written from another input; rename {}", path.string(), in);
+      if (written.contains(path)) fail("{} has been written from another input; rename {}", path.string(), in);
       convertFile(options, in, path);
+      written.insert(path);
     });
     if (code == 0) code = failed;
   }

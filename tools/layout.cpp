@@ -87,17 +87,9 @@ ChannelMask standardLayout(unsigned channels) {
 
 ChannelMask flacLayout(unsigned channels) { return channels == 7 ? 0x70F : standardLayout(channels); }
 
-std::vector<unsigned> vorbisOrder(unsigned channels) {
-  static const std::vector<unsigned> kOrders[] = {{},
-                                                  {},
-                                                  {},
-                                                  {0, 2, 1},
-                                                  {},
-                                                  {0, 2, 1, 3, 4},
-                                                  {0, 2, 1, 5, 3, 4},
-                                                  {0, 2, 1, 6, 5, 3, 4},
-                                                  {0, 2, 1, 7, 5, 6, 3, 4}};
-  return channels < std::size(kOrders) ? kOrders[channels] : kOrders[0];
+const char* vorbisOrder(unsigned channels) {
+  constexpr const char* kOrders[] = {"", "", "", "021", "", "02134", "021534", "0216534", "02175634"};
+  return channels < std::size(kOrders) ? kOrders[channels] : "";
 }
 
 ChannelMask layoutOfChannelMap(const std::vector<int>& map) {

@@ -34,9 +34,9 @@ ChannelMask firstPositions(ChannelMask layout, unsigned channels);
 ChannelMask standardLayout(unsigned channels);
 
 // The layout of a FLAC, Vorbis or Opus file by its channel count; and the place of each of its channels in a Vorbis
-// or Opus frame (empty: in the order of the layout).
+// or Opus frame, a digit each (empty: in the order of the layout).
 ChannelMask flacLayout(unsigned channels);
-std::vector<unsigned> vorbisOrder(unsigned channels);
+const char* vorbisOrder(unsigned channels);
 
 // A map whose positions are not in mask order, or come twice, is an unknown layout.
 ChannelMask layoutOfChannelMap(const std::vector<int>& map);

@@ -66,7 +66,9 @@ std::shared_ptr<Record> makeRecord(void (*init)(Record*)) {
 template <class Record, class Process>
 ProcessCall callOf(const std::shared_ptr<Record>& record, Process process) {
   return [=](const void* src, std::uint32_t* inBytes, void* dst, std::uint32_t* outBytes) {
-    process(record.get(), src, inBytes, dst, outBytes);
+    const std::uint32_t offered = *inBytes;
+    if (process(record.get(), src, inBytes, dst, outBytes) != KES_OK)
+      fail("the library refused a block of {} bytes; give a smaller --block", offered);
   };
 }
 
@@ -149,9 +151,9 @@ Stage mixTo(unsigned outChannels, const StreamFormat& in, ChannelMask& layout, b
   return mix;
 }
 
-Stage resampleTo(int rate, const StreamFormat& in, bool multichannel) {
+Stage resampleTo(int rate, const StreamFormat& in) {
   const auto record = makeRecord(InitKesAudioSrcInC);
-  const bool plain = in.channels == 2 && !multichannel;
+  const bool plain = in.channels == 2;
   const ResamplerFormat format = in.samples == KES_PCM_S16     ? KES_RESAMPLER_S16
                                  : in.samples == KES_PCM_Q8_24 ? KES_RESAMPLER_Q8_24
                                                                : KES_RESAMPLER_S32;

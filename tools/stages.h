@@ -33,9 +33,9 @@ Stage mixTo(unsigned channels, const StreamFormat& in, ChannelMask& layout, bool
 // The rates that resampleTo takes.
 inline constexpr int kMinRate = 4000, kMaxRate = 768000;
 
-// Changes the rate, by the plain variant of the resampler or by its multichannel one. The first output frame stands
-// at the time of the first input frame. Takes any samples but packed 24-bit.
-Stage resampleTo(int rate, const StreamFormat& in, bool multichannel);
+// Changes the rate, of stereo by the resampler's plain variant, of others by its multichannel one. The first output
+// frame stands at the time of the first input frame. Takes any samples but packed 24-bit.
+Stage resampleTo(int rate, const StreamFormat& in);
 
 // Changes the sample format, by the bit converter's shifter.
 Stage convertSampleFormat(PcmFormat samples, const StreamFormat& in);

@@ -42,7 +42,6 @@ void convertFile(const Descriptor& input, Random choose) {
   if (choose.oneIn(3)) out.rate = choose.from({8000, 44100, 48000});
   if (choose.oneIn(2)) out.samples = chooseSamples();
   options.limit = choose.oneIn(4);
-  options.multichannel = choose.oneIn(2);
   options.addSilentChannels = choose.oneIn(2);
   const int container = choose.from(kContainers);
   const std::size_t blockFrames = choose.oneIn(2) ? 4096 : choose.below(64) + 1;

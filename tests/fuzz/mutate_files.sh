@@ -36,7 +36,7 @@ while [ $n -lt $((first + files)) ]; do
     1) options='--channels 1 --format s16' ;;
     2) options='--channels 8 --upmix zero' ;;
     3) options='--rate 44100' ;;
-    4) options='--rate 8000 --multichannel --block 7' ;;
+    4) options='--rate 8000 --block 7' ;;
     5) options='--channels 2 --limit' ;;
     6) options='--channels 1 --rate 96000 --limit' ;;
     7) options='--layout none --channels 2 --format s24' ;;
