@@ -11,8 +11,9 @@ list() { find / -xdev \( -path /var -o -path /etc/ld.so.cache -o -path /try -o -
 export DEBIAN_FRONTEND=noninteractive DEBCONF_NOWARNINGS=yes
 apt-get install -qq --no-install-recommends gcc libc6-dev pkg-config >/dev/null
 list >/try/before
-apt-get install -qq --no-install-recommends /try/*.deb >/dev/null
+apt-get install -qq --no-install-recommends /try/kesaudio-tools_*.deb >/dev/null
 kesconvert --version
+apt-get install -qq --no-install-recommends /try/*.deb >/dev/null
 cc /try/c_user.c $(pkg-config --cflags --libs kesaudio) -o /try/c_user
 /try/c_user && echo 'a program in C, built by pkg-config, runs'
 ldconfig -p | grep -E 'lib(log|palix32_vendor|keslimiter_vendor|kesshifter_vendor)\.so' && exit 1
