@@ -61,6 +61,13 @@ commands=$(sed -n '/^cmake --install build/,/^```/p' "$source/README.md" | sed "
 [ "$(echo "$commands" | grep -c '^cc ')" = 2 ] || die 'the README does not link both libraries'
 [ $kind != static ] || commands=$(echo "$commands" | grep -v rpath)
 quietly sh -ec "$commands"
+{
+  printf 'cmake_minimum_required(VERSION 3.21)\nproject(yours LANGUAGES C)\nadd_executable(yours yours.c)\n'
+  sed -n '/^find_package(kesaudio/,/^`/{/^`/!p}' "$source/README.md"
+} >CMakeLists.txt
+quietly cmake -G Ninja -S . -B yours -DCMAKE_PREFIX_PATH="$scratch/own"
+quietly cmake --build yours
+quietly yours/yours
 
 # As a part of another project: in its program, or beside it. Installed, the program is all that is needed.
 case $kind in platform) shared= ;; bundled) shared=-DBUILD_SHARED_LIBS=ON ;; static) exit 0 ;; esac
