@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The results of the kernels and entry points, in the plainest form: one sample at a time, in 64 bits, sharing
-// nothing with the library.
+// The results of the kernels and entry points, in the plainest form: in 64 bits, sharing nothing with the library.
 #pragma once
 
 #include <kesaudio/kesaudio.h>
@@ -14,7 +13,6 @@
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
-using Frame = std::vector<int64_t>;
 
 enum Kernel { kStrip, kFold, kAverage, kToMono, kToStereo, kFoldDispatch, kZeroFill, kDuplicate, kKernels };
 
@@ -77,71 +75,125 @@ inline int64_t readSample(const uint8_t* at, int32_t bytes) {
 inline void appendSample(Bytes& out, int64_t value, int32_t bytes) {
   for (int32_t i = 0; i < bytes; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
 }
-inline int64_t floorDivided(int64_t value, int64_t divisor) { return value / divisor - (value % divisor < 0); }
-// Sums of 16 and 24 bits wrap in 32.
-inline int64_t summed(int64_t sum, int32_t bytes) { return bytes == 4 ? sum : static_cast<int32_t>(sum); }
-inline int64_t gained(int64_t x) { return limited(floorDivided(x * 46346, 32768), 4); }
+inline int64_t gained(int64_t x) { return limited(x * 46346 >> 15, 4); }
 
-inline Frame stereoFrame(const Call& call, const Frame& s) {
-  const int32_t bytes = call.sampleBytes();
-  const auto n = static_cast<int64_t>(s.size());
-  int64_t left = 0, right = 0;
-  if ((call.mask == 0x7 || call.mask == 0xB || call.mask == 0x103) && n >= 3) {
-    left = s[0] + gained(s[2]), right = s[1] + gained(s[2]);
-  } else if (call.mask == 0x33 && n >= 4) {
-    left = s[0] + gained(s[2]), right = s[1] + gained(s[3]);
-  } else if (call.mask == 0x3F && n >= 6) {
-    const int64_t centre = limited(s[2] + gained(s[3]), bytes == 2 ? 2 : 4);
-    left = s[0] + gained(centre) + gained(s[4]), right = s[1] + gained(centre) + gained(s[5]);
-  } else {
-    for (size_t c = 0; c < s.size(); ++c) (c % 2 ? right : left) += s[c];
-    return {limited(summed(left, bytes) / n, bytes), limited(summed(right, bytes) / n, bytes)};
-  }
-  Frame out{limited(left, bytes), limited(right, bytes)};
-  if (bytes == 3) out.resize(static_cast<size_t>(std::max(call.dstChannels, 0)), 0);
-  return out;
+// Divides each sum, rounding towards zero; by constants, which are faster.
+template <int kDivisor = 1>
+void divide(std::vector<int64_t>& sums, int64_t divisor) {
+  if (divisor == kDivisor)
+    for (int64_t& sum : sums) sum /= kDivisor;
+  else if constexpr (kDivisor < 8)
+    divide<kDivisor + 1>(sums, divisor);
+  else
+    for (int64_t& sum : sums) sum /= divisor;
 }
 
-// One output frame of the call for the input frame s.
-inline Frame outputFrame(const Call& call, const Frame& s) {
-  const int32_t bytes = call.sampleBytes();
-  const auto n = static_cast<int64_t>(s.size());
-  int64_t sum = 0, divisor = 32768;
-  if (call.kernel == kToStereo) return stereoFrame(call, s);
-  if (call.kernel == kAverage) {
-    for (int64_t x : s) sum += x;
-    return {limited(summed(sum, bytes) / n, bytes)};
-  }
-  Frame out(static_cast<size_t>(std::max(call.dstChannels, 0)), 0);
-  if (call.kernel == kFold) {
-    for (int64_t room = 1; bytes == 4 && room < 2 * n; room *= 2) divisor *= 2;
-    for (int64_t x : s) sum += floorDivided(x * 46346, divisor);
-    out.assign(out.size(), limited(summed(sum, bytes), bytes));
-  } else if (call.kernel == kDuplicate) {
-    for (size_t j = 0; j < out.size(); ++j) out[j] = s[j % s.size()];
+// The samples of a block, channel by channel: definitions are loops over frames, which compilers vectorise.
+using Channels = std::vector<std::vector<int32_t>>;
+
+// Sums `term` of every step-th channel from the first on. Sums of 16 and 24 bits wrap in 32.
+template <class Term>
+void addUp(const Channels& in, size_t first, size_t step, int32_t bytes, std::vector<int64_t>& sums, Term term) {
+  sums.assign(in[0].size(), 0);
+  for (size_t c = first; c < in.size(); c += step)
+    for (size_t f = 0; f < sums.size(); ++f) sums[f] += term(in[c][f]);
+  for (int64_t& sum : sums) sum = bytes == 4 ? sum : static_cast<int32_t>(sum);
+}
+inline void store(const std::vector<int64_t>& sums, int32_t bytes, std::vector<int32_t>& out) {
+  out.resize(sums.size());
+  for (size_t f = 0; f < sums.size(); ++f) out[f] = static_cast<int32_t>(limited(sums[f], bytes));
+}
+
+// What the mix of the layout adds to the left or right sample, if the mask and the channels make such a mix.
+inline bool mixedIn(const Call& call, const Channels& s, size_t side, std::vector<int64_t>& sums) {
+  const size_t n = s.size();
+  sums.resize(s[0].size());
+  if ((call.mask == 0x7 || call.mask == 0xB || call.mask == 0x103) && n >= 3) {
+    for (size_t f = 0; f < sums.size(); ++f) sums[f] = gained(s[2][f]);
+  } else if (call.mask == 0x33 && n >= 4) {
+    for (size_t f = 0; f < sums.size(); ++f) sums[f] = gained(s[2 + side][f]);
+  } else if (call.mask == 0x3F && n >= 6) {
+    const int32_t centreBytes = call.sampleBytes() == 2 ? 2 : 4;
+    for (size_t f = 0; f < sums.size(); ++f)
+      sums[f] = gained(limited(s[2][f] + gained(s[3][f]), centreBytes)) + gained(s[4 + side][f]);
   } else {
-    std::copy_n(s.begin(), std::min(out.size(), s.size()), out.begin());
+    return false;
   }
-  return out;
+  return true;
+}
+
+inline void outputOfStereo(const Call& call, const Channels& s, Channels& out) {
+  const int32_t bytes = call.sampleBytes();
+  static thread_local std::vector<int64_t> sums;
+  out.resize(2);
+  for (size_t side = 0; side < 2; ++side) {
+    const bool mixes = mixedIn(call, s, side, sums);
+    if (mixes) {
+      for (size_t f = 0; f < sums.size(); ++f) sums[f] += s[side][f];
+    } else {
+      addUp(s, side, 2, bytes, sums, [](int64_t x) { return x; });
+      divide(sums, static_cast<int64_t>(s.size()));
+    }
+    store(sums, bytes, out[side]);
+    if (mixes && side == 1 && bytes == 3)
+      out.resize(static_cast<size_t>(std::max(call.dstChannels, 0)), std::vector<int32_t>(sums.size()));
+  }
+}
+
+// The kernel that a dispatcher calls.
+inline Kernel chosenKernel(const Call& call) {
+  if (call.kernel == kToMono) return call.mask ? kFold : kAverage;
+  if (call.kernel != kFoldDispatch) return call.kernel;
+  return call.dstChannels == 2 ? kToStereo : call.dstChannels == 1 && call.mask == 0 ? kAverage : kFold;
+}
+
+// The output of the call for the samples s.
+inline void outputOf(const Call& call, const Channels& s, Channels& out) {
+  const int32_t bytes = call.sampleBytes();
+  const size_t n = s.size();
+  const auto outputs = static_cast<size_t>(std::max(call.dstChannels, 0));
+  static thread_local std::vector<int64_t> sums;
+  switch (const Kernel kernel = chosenKernel(call)) {
+    case kToStereo: return outputOfStereo(call, s, out);
+    case kAverage:
+      out.resize(1);
+      addUp(s, 0, 1, bytes, sums, [](int64_t x) { return x; });
+      divide(sums, static_cast<int64_t>(n));
+      return store(sums, bytes, out[0]);
+    case kFold: {
+      int shift = 15;
+      for (size_t room = 1; bytes == 4 && room < 2 * n; room *= 2) ++shift;
+      addUp(s, 0, 1, bytes, sums, [shift](int64_t x) { return x * 46346 >> shift; });
+      out.resize(outputs);
+      for (std::vector<int32_t>& channel : out) store(sums, bytes, channel);
+      return;
+    }
+    default:
+      out.resize(outputs);
+      for (size_t c = 0; c < outputs; ++c)
+        if (kernel == kDuplicate || c < n)
+          out[c] = s[c % n];
+        else
+          out[c].assign(s[0].size(), 0);
+  }
 }
 
 // All bytes that the call writes, from the start of dst.
-inline Bytes outputBlock(Call call, const uint8_t* src) {
-  if (call.kernel == kToMono) call.kernel = call.mask ? kFold : kAverage;
-  if (call.kernel == kFoldDispatch) {
-    call.kernel = call.dstChannels == 2 ? kToStereo : call.dstChannels == 1 && call.mask == 0 ? kAverage : kFold;
-  }
+inline Bytes outputBlock(const Call& call, const uint8_t* src) {
   Bytes out;
+  const auto frames = static_cast<size_t>(call.frames());
+  const int32_t bytes = call.sampleBytes();
   if (call.kernel == kStrip && call.dstChannels > call.srcChannels) return out;
   if (call.kernel == kZeroFill && call.dstChannels < call.srcChannels) return out;
   const bool upmix = call.kernel == kZeroFill || call.kernel == kDuplicate;
-  if (upmix && int64_t{call.frames()} * call.sampleBytes() * call.dstChannels >> 31) return out;
-  if (call.frames() == 0) return out;
-  Frame frame(static_cast<size_t>(std::max(call.srcChannels, 0)));
-  for (int32_t f = call.frames(); f > 0; --f) {
-    for (int64_t& sample : frame) sample = readSample(src, call.sampleBytes()), src += call.sampleBytes();
-    for (int64_t sample : outputFrame(call, frame)) appendSample(out, sample, call.sampleBytes());
-  }
+  if (upmix && int64_t{call.frames()} * bytes * call.dstChannels >> 31) return out;
+  if (frames == 0) return out;
+  Channels s(static_cast<size_t>(call.srcChannels), std::vector<int32_t>(frames)), made;
+  for (size_t f = 0; f < frames; ++f)
+    for (std::vector<int32_t>& channel : s) channel[f] = static_cast<int32_t>(readSample(src, bytes)), src += bytes;
+  outputOf(call, s, made);
+  for (size_t f = 0; f < frames; ++f)
+    for (const std::vector<int32_t>& channel : made) appendSample(out, channel[f], bytes);
   return out;
 }
 
@@ -151,12 +203,13 @@ struct EntryResult {
   Bytes written;
 };
 
-// mask is the zero-fill word of an upmix.
+// mask is the zero-fill word of an upmix. Counts wrap at 32 bits.
 inline EntryResult entryResult(bool upmix, uint32_t in, uint32_t out, uint32_t format, const uint8_t* src,
                                uint32_t inBytes, uint32_t outBytes, uint32_t mask) {
   if (upmix ? in > out : in < out) return {inBytes, outBytes, {}};
-  const uint32_t need = (in ? inBytes / in : 0) * out;
-  const uint32_t taken = outBytes >= need ? inBytes : (out ? outBytes / out : 0) * in;
+  const uint64_t frames = in ? inBytes / in : 0, room = out ? outBytes / out : 0;
+  const auto need = static_cast<uint32_t>(frames * out);
+  const uint32_t taken = outBytes >= need ? inBytes : static_cast<uint32_t>(room * in);
   const Kernel downmix = out == 1                      ? mask ? kFold : kAverage
                          : out == 2                    ? kToStereo
                          : mask == 0 || mask == 0xFFFF ? kStrip
