@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kernels or a host library, by their test with random calls or streams. ENGINE is that test.
+// A host library, by its test with random streams. ENGINE is that test.
 #include ENGINE
 
 #include "play.h"
