@@ -60,6 +60,9 @@ class Grids {
   }
 
   // Bytes that carry their position, first its lower and then its higher digit to the base 255; 0 is silence alone.
+  void tryMoves(Kernel kernel, uint32_t format, int32_t in) {
+    for (int32_t out = 1; out <= 16; ++out) tryMove(kernel, format, in, out);
+  }
   void tryMove(Kernel kernel, uint32_t format, int32_t in, int32_t out) {
     Call call{kernel, out, in, 0, format};
     const int32_t inBytes = in * call.sampleBytes(), outBytes = out * call.sampleBytes(), chunk = 1024 / inBytes;
@@ -85,6 +88,10 @@ class Grids {
   }
 
   // Arguments of every kind, of which few make output.
+  void tryArguments(Kernel kernel) {
+    for (const uint32_t format : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 257u, UINT32_MAX})
+      for (const uint32_t mask : {0u, 0x7u, 0x33u, 0x3Fu, UINT32_MAX}) tryArguments(kernel, format, mask);
+  }
   void tryArguments(Kernel kernel, uint32_t format, uint32_t mask) {
     constexpr int32_t kCounts[] = {INT32_MIN, -2, -1, 0, 1, 2, 3, 9, 257, 1 << 30, (1 << 30) + 1, INT32_MAX};
     for (const int32_t dstChannels : kCounts)
