@@ -20,15 +20,13 @@ class Grids {
   std::string difference;
   uint64_t calls = 0;
 
-  // Every frame count of short blocks and around the chunks that longer ones are cut into, each time at other
-  // addresses and with another partial frame behind: apart, and in place.
+  // Every frame count up to two turns of the longest loop and its tail (of stereo frames four steps of 16), and those
+  // around the chunks that longer blocks are cut into; each time at other addresses and with another partial frame
+  // behind; apart, and in place.
   void tryMix(Kernel kernel, uint32_t mask, uint32_t format, int32_t channels) {
     Call call{kernel, 0, channels, 0, format, mask};
     for (const int32_t dstChannels : {1, 2, 3, 8, 9})
-      for (int32_t frames = 0; frames < 300; frames += frames == 40    ? 85
-                                                       : frames == 131 ? 122
-                                                       : frames == 259 ? 50
-                                                                       : 1) {
+      for (const int32_t frames : countsTo(channels == 2 ? 145 : 40, {128, 256})) {
         call.dstChannels = dstChannels;
         const int32_t frameBytes = channels * call.sampleBytes();
         call.byteCount = frames * frameBytes + frames % frameBytes;
@@ -66,11 +64,7 @@ class Grids {
   void tryMove(Kernel kernel, uint32_t format, int32_t in, int32_t out) {
     Call call{kernel, out, in, 0, format};
     const int32_t inBytes = in * call.sampleBytes(), outBytes = out * call.sampleBytes(), chunk = 1024 / inBytes;
-    std::vector<int32_t> counts;
-    for (int32_t frames = 0; frames <= 40; ++frames) counts.push_back(frames);
-    for (const int32_t edge : {chunk, 2 * chunk, 2 * chunk + 20})
-      for (int32_t frames = std::max(edge - 1, 41); frames <= edge + 1; ++frames) counts.push_back(frames);
-    for (const int32_t frames : counts)
+    for (const int32_t frames : countsTo(40 + 256 / inBytes, {chunk, 2 * chunk, 2 * chunk + 20}))
       for (const size_t digit : {1, 255}) {
         call.byteCount = frames * inBytes + frames % inBytes;
         input_.resize(static_cast<size_t>(frames * inBytes));
@@ -196,6 +190,15 @@ class Grids {
  private:
   static constexpr int kApart = INT32_MIN;
 
+  // All counts up to the first, and those around edges beyond.
+  static std::vector<int32_t> countsTo(int32_t last, std::initializer_list<int32_t> edges) {
+    std::vector<int32_t> counts;
+    for (int32_t count = 0; count <= last; ++count) counts.push_back(count);
+    for (const int32_t edge : edges)
+      for (int32_t count = std::max(edge - 1, last + 1); count <= edge + 1; ++count) counts.push_back(count);
+    return counts;
+  }
+
   template <class... Text>
   void fail(const Text&... text) {
     if (!difference.empty()) return;
@@ -224,12 +227,25 @@ class Grids {
 
     const auto where = [&] { return apart ? std::string(" apart") : " in place, shift " + std::to_string(shift); };
     const auto wrong = std::mismatch(result.begin(), result.end(), block);
-    if (wrong.first != result.end())
-      fail(call, where(), ": byte ", wrong.second - block, " of ", blockBytes, " is ", int{*wrong.second},
-           " instead of ", int{*wrong.first});
+    if (wrong.first != result.end()) {
+      const ptrdiff_t byte = wrong.second - block;
+      fail(call, where(), ": byte ", byte, " of ", blockBytes, " is ", int{*wrong.second}, " instead of ",
+           int{*wrong.first}, inputOf(call, byte, static_cast<ptrdiff_t>(expected.size())));
+    }
     if (!dst_.surroundingsIntact()) fail(call, where(), ": wrote outside");
     if (apart && (!std::equal(input_.begin(), input_.end(), src) || !src_.surroundingsIntact()))
       fail(call, where(), ": changed its input");
+  }
+
+  // The input frame of an output byte.
+  std::string inputOf(const Call& call, ptrdiff_t byte, ptrdiff_t outputBytes) const {
+    if (byte >= outputBytes || call.srcChannels > 16) return ", beyond the output";
+    std::ostringstream text;
+    text << ", of the frame";
+    const auto* frame = input_.data() + byte / (outputBytes / call.frames()) * call.srcChannels * call.sampleBytes();
+    for (int c = 0; c < call.srcChannels; ++c)
+      text << ' ' << readSample(frame + c * call.sampleBytes(), call.sampleBytes());
+    return text.str();
   }
 
   void enter(bool upmix, uint32_t in, uint32_t out, uint32_t format, const void* src, uint32_t held, void* dst,
