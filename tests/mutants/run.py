@@ -26,7 +26,8 @@ BUILDS = {  # by the name in a section's heading
 OPTIONS = ("-G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O1 -DCMAKE_C_FLAGS_DEBUG=-O1 -DKESAUDIO_LEVELS= "
            "-DKESAUDIO_BUILD_BENCH=OFF -DKESAUDIO_INSTALL=OFF")
 
-TARGETS = {"prove": "prove", "quality": "palix_test", "kesconvert": "kesconvert", "binary": "golden_test", "abi": "kesaudio"}
+TARGETS = {"prove": "prove", "quality": "palix_test", "kesconvert": "kesconvert", "binary": "golden_test",
+           "abi": "kesaudio"}
 
 
 def read_list(pattern):
