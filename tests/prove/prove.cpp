@@ -345,12 +345,12 @@ void addLimits(const Mix& mix, int channels, uint32_t format) {
     const int64_t turn = bytes == 4 ? block % 2 : block / values, x = firstValue(block % values, oddFrames);
     trial.begin(channels, oddFrames, bytes);
     for (int c = 2; c < channels; ++c) trial.ramp(c, c % 2 ? ~x : x, c % 2 ? -1 : 1);
-    if (mix.mask == 0x3F) {  // the sum of the centre takes every value, too, in another order
-      trial.ramp(2, x * 7, 0x61C88647);
-      trial.constant(3, block % 3 ? x / 2 : 0);
+    const int64_t limit = int64_t{1} << (8 * bytes - 1);
+    if (mix.mask == 0x3F) {  // every centre, in another order, beside a few LFEs: every sum of 24 bits that t can be
+      trial.ramp(2, x * 0x61C88647, 0x61C88647);
+      trial.constant(3, std::array{int64_t{0}, -limit, limit - 1, x / 2}[bytes == 4 ? block / 2 % 4 : turn]);
     }
     static thread_local std::vector<int64_t> mixed;
-    const int64_t limit = int64_t{1} << (8 * bytes - 1);
     for (int side = 0; side < 2; ++side) {
       mixedIn(call, trial.in, side, mixed);
       const int64_t beyond = side ? 1 - turn : turn - (turns == 4 ? 1 : 0);
@@ -375,7 +375,7 @@ void addMixes() {
         if (format == 1) addTerms(mix, n, format, 0, n - 1, 15);
         // Frames of other counts than these lose their last channels before they are mixed.
         const bool mixesAll = n == mix.least || n == (mix.mask == 0x7 ? 4 : mix.mask == 0x3F ? 8 : 0);
-        if (named ? format == 3 && mixesAll : mix.kernel == kFold && format == 3 && n < 9)
+        if (format == 3 && (named ? mixesAll : mix.kernel == kFold ? n < 9 : mix.kernel == kAverage && n == 2))
           addTerms(mix, n, format, named ? 2 : 0, named ? mix.least - 1 : n - 1, oddFrames);
         if (named && n < 9 && (format == 6 || (format == 3 && mixesAll))) addLimits(mix, n, format);
         if (!named && n >= 2 && n <= 8 && (mix.kernel != kFold || format != 3)) addSums(mix, n, format);
