@@ -14,7 +14,10 @@
 #pragma GCC diagnostic ignored "-Wsign-conversion"
 
 inline constexpr int kRoundings[] = {FE_TONEAREST, FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO};
-thread_local inline const Call* current;  // for the report of a stray access
+
+// For the report of a stray access: the row, and the call.
+inline std::string currentRow;
+thread_local inline const Call* currentCall;
 
 template <class... Text>
 std::string joined(const Text&... text) {
@@ -193,7 +196,7 @@ class Grids {
   // Runs the call on the input at a guard page, `gap` bytes away from it: src and dst apart, or dst `shift` bytes
   // after src.
   void check(const Call& call, bool low, size_t gap, int shift) {
-    current = &call;
+    currentCall = &call;
     const Bytes expected = outputBlock(call, input_.data());
     const bool apart = shift == kApart;
     const size_t before = apart ? 0 : std::max(-shift, 0), after = apart ? 0 : std::max(shift, 0);
@@ -206,6 +209,7 @@ class Grids {
     std::fesetround(kRoundings[++calls % 4]);  // which is the caller's, and changes nothing
     call.run(block + after, src);
     std::fesetround(FE_TONEAREST);
+    currentCall = nullptr;
 
     const auto where = apart ? " apart" : joined(" in place, shift ", shift);
     const size_t byte = std::mismatch(result.begin(), result.end(), block).second - block;

@@ -72,7 +72,7 @@ void limit(Job job, const uint8_t* src, uint8_t* dst) {
 }
 
 void perform(Job job, const uint8_t* src, uint8_t* dst) {
-  current = &job.call;
+  if (job.function == Job::kKernel) currentCall = &job.call;
   std::fesetround(kRoundings[job.rounding % 4]);  // which is the caller's, and changes nothing
   switch (job.function) {
     case Job::kKernel: job.call.run(dst, src); break;
@@ -80,6 +80,7 @@ void perform(Job job, const uint8_t* src, uint8_t* dst) {
     case Job::kLimiter: limit(job, src, dst);
   }
   std::fesetround(FE_TONEAREST);
+  currentCall = nullptr;
 }
 
 class Library {
@@ -444,13 +445,13 @@ void addLimiter() {
 // ---- shapes
 
 using Grid = std::function<void(Grids&)>;
-void addGrid(const char* family, const std::vector<Grid>& grids) {
+void addGrid(const char* family, const std::vector<Grid>& grids, const std::string& function = "") {
   const auto tryBlock = [grids](Trial& trial, int64_t block) {
     Grids tried;
     grids[block](tried);
     trial.difference = tried.difference, trial.inputs += tried.calls;
   };
-  rows.push_back({family, family, std::ssize(grids), tryBlock, INT64_MAX});
+  rows.push_back({family, function.empty() ? family : function, std::ssize(grids), tryBlock, INT64_MAX});
 }
 
 void addGrids() {
@@ -460,7 +461,7 @@ void addGrids() {
       {kToStereo, 0x33}, {kToStereo, 0x3F}, {kToStereo, 0xFFFF}, {kToStereo, 0x1003F}};
   static constexpr uint32_t kEdges[] = {0, 1,     2,     3,          5,          6,          8,
                                         9, 65535, 65536, 0x7FFFFFFF, 0x80000000, 0x80000001, UINT32_MAX};
-  std::vector<Grid> mixes{[](Grids&grids) { grids.tryWideFrames(); }}, moves, arguments, entries, counts, shifters;
+  std::vector<Grid> mixes{[](Grids&grids) { grids.tryWideFrames(); }}, moves, arguments, entries, counts;
   for (const auto& mix : kMixes)
     for (const uint32_t format : {1u, 3u, 4u, 6u})
       for (int n = 1; n <= 10; ++n)
@@ -478,13 +479,14 @@ void addGrids() {
     for (uint32_t out = 0; out <= 9; ++out) entries.push_back([=](Grids& grids) { grids.tryEntries(in, out); });
   for (const uint32_t in : kEdges)
     for (const uint32_t out : kEdges) counts.push_back([=](Grids& grids) { grids.tryCounts(in, out); });
-  for (uint32_t type = 0; type < 12; ++type) shifters.push_back([=](Grids& grids) { grids.tryShifter(type); });
   addGrid("mixes: calls of every shape", mixes);
   addGrid("moves: calls of every shape", moves);
   addGrid("kernels: arguments of every kind", arguments);
   addGrid("entry points: choice of kernel", entries);
   addGrid("entry points and component: byte counts", counts);
-  addGrid("shifter: calls of every shape", shifters);
+  for (uint32_t type = 0; type < 12; ++type)
+    addGrid("shifter: calls of every shape", {[=](Grids& grids) { grids.tryShifter(type); }},
+            joined("Shifter ", type));
 }
 
 // ---- the run
@@ -556,6 +558,7 @@ int prove(bool quick, int64_t thin, bool grids, const std::string& only, const s
         std::fprintf(stderr, "%s: %2.0f %%, about %.0f minutes left: %s\n", build, 100 * part,
                      static_cast<double>(now - begin) * (1 / part - 1) / 60 + 1, rows[i].function.c_str());
       };
+      currentRow = rows[i].function;
       const Result result = run(rows[i], count(rows[i]), trials, progress);
       inputs += result.inputs;
       if (result.difference.empty()) continue;
@@ -593,7 +596,9 @@ int main(int argc, char** argv) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGSEGV, [](int) {
-    if (current) std::cout << "access outside the frames in " << *current << std::endl;
+    std::cout << currentRow << ": access outside the frames";
+    if (currentCall) std::cout << " in " << *currentCall;
+    std::cout << std::endl;
     _exit(1);
   });
   return prove(quick, thin, grids, only, {argv + i, argv + argc});
