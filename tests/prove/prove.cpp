@@ -306,11 +306,10 @@ void addSums(const Mix& mix, int channels, uint32_t format) {
   const int64_t values = blocksOf(bytes, oddFrames), rests = bytes != 4 ? summed : sides == 1 && !emulated ? 2 : 1;
   const int64_t thin = emulated && bytes == 4 && sides == 2 && channels > 2 ? 8 : 1;  // the averages divide alike
   const auto tryBlock = [=](Trial& trial, int64_t block) {
-    block *= thin;
     const int64_t rest = bytes != 4 ? block % rests : rests == 2 ? block % 2 * (summed - 1) : block % summed;
     trial.begin(channels, oddFrames, bytes);
     for (int c = 0; c < channels; ++c)
-      trial.ramp(c, firstValue(block / rests, oddFrames) + (c / sides >= summed - rest));
+      trial.ramp(c, firstValue(block * thin / rests, oddFrames) + (c / sides >= summed - rest));
     trial.check(call, block / rests);
   };
   addRow(mix, channels, format, "every sum", values * rests / thin, tryBlock);
