@@ -497,7 +497,8 @@ struct Result {
   std::string difference;
 };
 
-// Tries `count` of the row's blocks, spread evenly, in ascending order. The difference is that of the first block.
+// Tries `count` of the row's blocks, spread evenly, but not so evenly that what blocks take in turn is left out; in
+// ascending order. The difference is that of the first block.
 Result run(const Row& row, int64_t count, std::deque<Trial>& trials, const std::function<void(int64_t)>& progress) {
   std::atomic<int64_t> next = 0, firstBad = INT64_MAX;
   std::mutex mutex;
@@ -505,7 +506,7 @@ Result run(const Row& row, int64_t count, std::deque<Trial>& trials, const std::
   const auto work = [&](Trial& trial) {
     trial.inputs = 0;
     for (int64_t i; (i = next++) < count && i < firstBad;) {
-      row.tryBlock(trial, i * row.blocks / count);
+      row.tryBlock(trial, i * row.blocks / count + (i % 2 ? i % (row.blocks / count) : 0));
       if (&trial == &trials.front()) progress(i);
       if (trial.difference.empty()) continue;
       const std::lock_guard lock(mutex);
