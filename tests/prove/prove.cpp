@@ -421,7 +421,8 @@ void addShifter() {
 }
 
 void addLimiter() {
-  if (buildOf(Limiter_Process) != buildOf(Audio_Channel_Downmix)) return;  // it is the same for all levels of x86-64
+  // It is built once for all levels of x86-64.
+  if (!emulated && buildOf(Limiter_Process) != buildOf(Audio_Channel_Downmix)) return;
   const int64_t thin = emulated ? 16 : 1;
   for (const uint32_t channels : {1u, 2u}) {
     const auto tryBlock = [=](Trial& trial, int64_t block) {
