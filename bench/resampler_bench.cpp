@@ -38,7 +38,15 @@ constexpr Job kJobs[] = {
     {"32-bit mono", 44100, 48000, 1, false},
     {"32-bit stereo, 48000 to 44100", 48000, 44100, 2, false},
     {"32-bit stereo, 48000 to 16000", 48000, 16000, 2, false},
+    {"32-bit stereo, 16000 to 48000", 16000, 48000, 2, false},
+    {"32-bit stereo, 96000 to 48000", 96000, 48000, 2, false},
+    {"32-bit stereo, 192000 to 44100", 192000, 44100, 2, false},
     {"32-bit stereo, 44100 to 48001", 44100, 48001, 2, false},
+    {"16-bit stereo, 48000 to 16000", 48000, 16000, 2, true},
+    {"16-bit stereo, 16000 to 48000", 16000, 48000, 2, true},
+    {"16-bit stereo, 96000 to 48000", 96000, 48000, 2, true},
+    {"16-bit stereo, 192000 to 44100", 192000, 44100, 2, true},
+    {"16-bit stereo, 44100 to 48001", 44100, 48001, 2, true},
 };
 constexpr const EngineType& kOurs = kEngines[0];
 constexpr const EngineType& kPeer = kEngines[3];  // SoXR HQ: the fastest of those that sound as well

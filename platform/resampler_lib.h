@@ -36,15 +36,15 @@ int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, Src
 int32_t Palix_Open(void** instance, void* internal, SrcParam* param);
 
 /* Changes the output rate from the next block on, without a gap. Refuses a rate whose filter is more than twice as
- * long as the one at open. From a change to the next reset the taps of every output are interpolated, which takes
- * about three times as long. */
+ * long as the one at open. Most changes rebuild the filter's table, in a fraction of a millisecond; between ratios of
+ * large numbers, as for following a drifting clock, changes below 0.1 % keep it. */
 int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate);
 
 /* Back to the state after an open, at the output rate in force. */
 int32_t Palix_Reset(void* instance);
 
 /* Converts a block. inBytes: available -> not consumed; outBytes: capacity -> written. Consumes all whole frames of
- * the input while their output fits. The output lags by half of the filter, 38 frames of the lower rate. src and dst
+ * the input while their output fits. The output lags by half of the filter, 30 frames of the lower rate. src and dst
  * may have any address, and must not overlap each other or the work buffers. */
 int32_t Palix_Process(void* instance, void* scratch, const void* src, uint32_t* inBytes, void* dst,
                       uint32_t* outBytes);

@@ -76,8 +76,8 @@ def run_sine(stream, amplitude, cycles, first, frames):
 
 class Resampler(unittest.TestCase):
     def test_level_noise_and_time_of_sines(self):
-        """A sine of -1 dB full scale keeps its timing and level, and nothing else exceeds -123 dB; above 1.1 of the
-        lower Nyquist frequency it is stopped."""
+        """A sine of -1 dB full scale keeps its timing and level, and nothing else exceeds -123 dB, or -117 dB where
+        images of interpolated taps add up; above 1.1 of the lower Nyquist frequency it is stopped."""
         for in_rate, out_rate, frequency, loss in (  # of the lower Nyquist frequency; in dB, None if it is stopped
                 (44100, 48000, 0.0452, 0.001), (44100, 48000, 0.9, 0.02), (48000, 44100, 0.9, 0.02),
                 (48000, 44100, 0.1, 0.001), (48000, 16000, 0.9, 0.02), (48000, 16000, 1.1, None),
@@ -88,16 +88,17 @@ class Resampler(unittest.TestCase):
                 lower, amplitude = min(in_rate, out_rate), 10 ** (-1 / 20)
                 hertz, frames = frequency * lower / 2, 1000 * in_rate // lower
                 output = run_sine(resampler(in_rate, out_rate), amplitude, hertz / in_rate, 0, frames)
-                self.assertEqual(len(output), np.ceil(frames * out_rate / in_rate - 38 * out_rate / lower))
+                self.assertEqual(len(output), np.ceil(frames * out_rate / in_rate - 30 * out_rate / lower))
                 onset = 100 * out_rate // lower
                 wave, output = sine(hertz / out_rate * np.arange(onset, len(output))), output[onset:]
                 gain = wave @ output / (wave @ wave) if loss else 0
                 if loss:
                     self.assertAlmostEqual(decibels(gain / amplitude), 0, delta=loss)
-                self.assertLess(decibels(abs(output - gain * wave).max() / amplitude), -123)
+                limit = -117 if (in_rate, out_rate) == (44100, 48001) else -123
+                self.assertLess(decibels(abs(output - gain * wave).max() / amplitude), limit)
 
     def test_sounds_as_well_as_the_benchmark_says(self):
-        for rates in RATE_PAIRS:
+        for rates in (*RATE_PAIRS, (96000, 48000), (16000, 48000), (44100, 48001)):
             with self.subTest(rates=rates):
                 quality = measure(
                     lambda signal: resampler(*rates).run(np.rint(signal * 2**31)) / 2**31,
@@ -119,8 +120,10 @@ class Resampler(unittest.TestCase):
                     self.assertEqual(PALIX("SetSamplingRate", stream.instance, rate), 0)
                 after = run_sine(stream, 0.5, cycles, fed, 3000 + 1000 * in_rate // new_rate)
                 self.assertGreater(len(after), 700)
-                expected = 0.5 * sine(1000 * (start + np.arange(len(after)) / new_rate))
-                self.assertLess(decibels(abs(after - expected).max()), -130)
+                wave = sine(1000 * (start + np.arange(len(after)) / new_rate))
+                gain = wave @ after / (wave @ wave)
+                self.assertAlmostEqual(decibels(gain / 0.5), 0, delta=0.001)
+                self.assertLess(decibels(abs(after - gain * wave).max()), -130)
 
                 noise = np.random.default_rng(5).integers(-2**31, 2**31, 1000)
                 self.assertEqual(PALIX("Reset", stream.instance), 0)

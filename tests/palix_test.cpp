@@ -101,7 +101,7 @@ TEST(FirstBlock, IsAlignedUpToTheDocumentedSize) {
     EXPECT_EQ(Component(param).process(lastFrames), aligned(lastFrames)) << lastFrames;
     EXPECT_LT(Component(param).process(lastFrames + 1), aligned(lastFrames + 1)) << lastFrames;
   }
-  EXPECT_EQ(Component({48000, 2, 44100, 2, 0}).process(48000), 44062u);
+  EXPECT_EQ(Component({48000, 2, 44100, 2, 0}).process(48000), 44070u);
 }
 
 TEST(MaxOutput, HoldsEveryBlockWithTwoFramesToSpareAtMost) {
@@ -130,7 +130,7 @@ TEST(MaxOutput, IsExceededOnceAfterARiseOfTheRate) {
     component.process(2000);
     component.setOutputRate(after);
     const uint32_t made = component.process(100), bound = component.maxOutput(100);
-    EXPECT_TRUE(made > bound && made <= bound + 38 * after / before)
+    EXPECT_TRUE(made > bound && made <= bound + 30 * after / before)
         << made << " after " << in << " to " << before << " Hz";
     EXPECT_LE(component.process(100), bound);
   }

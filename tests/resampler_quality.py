@@ -54,7 +54,7 @@ def measure(resample, resample16, in_rate, out_rate):
     # The first two sines have their image or alias on the limit itself, where the filter attenuates least.
     sines = [out_rate - limit, in_rate + limit - out_rate, *range(173, in_rate // 2, 173)]
     spurs = [np.delete(bins(hertz)[:limit + 1], hertz if hertz <= limit else []).max()
-             for hertz in sines if hertz < in_rate / 2]
+             for hertz in sines if 0 < hertz < in_rate / 2]
     below, above = int(nyquist / 2), int(nyquist)
     while above - below > 1:
         middle = (below + above) // 2

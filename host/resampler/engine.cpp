@@ -5,22 +5,21 @@
 //
 //   out[n] = sum over k of in[i + k - (taps / 2 - 1)] * h(k - (taps / 2 - 1) - p)
 //
-// It can be made once in[i + taps / 2] has arrived: the latency is taps / 2 input frames, 38 (0.9 ms) at 44.1 kHz.
+// It can be made once in[i + taps / 2] has arrived: the latency is taps / 2 input frames, 30 (0.7 ms) at 44.1 kHz.
 //
-// A row holds the taps of one output. Four outputs form a group (polyphase.h) and share one window of the history,
-// that of the first output; the rows of the others start with a few zeros. p takes L values, so the groups
-// repeat after lcm(L, 4) outputs. If their rows fit into the table, it holds them in order of use and is read
-// sequentially. Otherwise (44100 to 48001 Hz), and after a change of rate in mid-stream, it holds rows at evenly
-// spaced p, and each group's rows are interpolated, with an error of about -130 dB.
+// A row holds the taps of one output. Four outputs form a group (polyphase.h), or three where that divides L and four
+// does not. They share one window of the history, that of the first; the rows of the others start with a few zeros. p
+// takes L values, so the groups repeat. If their rows fit into the table, it holds them in order of use and is read
+// sequentially. Otherwise (44100 to 48001 Hz) it holds rows at evenly spaced p, and each output is interpolated
+// linearly between two of them: this adds images of -129 dB at most, for the end of the pass band, 12 dB less for
+// each octave below.
 //
 // Internal buffer, from its first multiple of 64 bytes on:
 //   Stream          the state
-//   kernelScratch   maxTaps doubles
 //   table           tableFloats(maxTaps)
 //   history         historyFloats(maxTaps) per channel: input frames, the first maxTaps / 2 - 1 before the group's
 // Scratch buffer, likewise:
-//   output          kOutputFloats per channel: output frames
-//   rows            rowsFloats(maxTaps): the interpolated rows of a group
+//   output          kOutputFloats per channel: output frames, interleaved
 #include <algorithm>
 #include <new>
 
@@ -34,24 +33,26 @@ namespace {
 using namespace palix;
 
 constexpr uint32_t kMinRate = 4000, kMaxRate = 768000, kMaxChannels = 8;
-constexpr uint32_t kBlockFrames = 1024;                        // most frames read or made at a time
-constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kGroup;  // with the unused part of the first and last group
-constexpr uint32_t kRowsPerPeriod = 64;                        // rows per period of the lower rate, to interpolate
+constexpr uint32_t kBlockFrames = 1024;                             // most frames read or made at a time
+constexpr uint32_t kOutputFloats = kBlockFrames + 2 * kMaxOutputs;  // with unused parts of the first and last group
+constexpr uint32_t kRowsPerPeriod = 768;  // rows per period of the lower rate, to interpolate
 constexpr size_t kAlignment = 64;
 
-// Room for the table in order of use of the common pairs of rates (48 to 44.1 kHz: 588 rows of 96 floats), and for
-// the rows to interpolate between of all others: at most 64 * b + 4 rows of 79 / b + 18 floats, where b <= 1 is the
-// bandwidth and 76 / b <= taps.
-constexpr size_t kOrderedFloats = 65536;
-constexpr size_t tableFloats(uint32_t maxTaps) { return kOrderedFloats + 6 * size_t{maxTaps}; }
+// Room for the table in order of use of the common pairs of rates (8 to 44.1 kHz: 441 rows of 64 floats; 192 to
+// 44.1 kHz: 147 of 272), and for the rows to interpolate between of all others: at most 768 * b + 2 rows of
+// 60 / b + 3 / b + 10 floats, where b <= 1 is the bandwidth and 60 / b <= taps.
+constexpr size_t kOrderedFloats = 49152;
+constexpr size_t tableFloats(uint32_t maxTaps) { return kOrderedFloats + 8192 + 4 * size_t{maxTaps}; }
 constexpr size_t historyFloats(uint32_t maxTaps) { return 3 * size_t{maxTaps} + kBlockFrames; }
-constexpr size_t rowsFloats(uint32_t maxTaps) { return kGroup * 2 * size_t{maxTaps}; }
 
 struct Stream {
   SrcParam param;
   uint32_t maxTaps;  // twice the taps at open: room for lower output rates
   Ratio ratio;
+
   bool interpolates;
+  double bandwidth;  // of the table's rows
+  uint32_t taps, rowFloats;
 
   // The group of the next output. Its first output is (phase + fraction) / L behind the input frame `centre`.
   size_t centre;  // index in the history
@@ -61,7 +62,6 @@ struct Stream {
   uint32_t done;    // outputs of the group already made
 
   size_t filled;  // frames in the history
-  double* kernelScratch;
   float* table;
   float* history;
 };
@@ -82,39 +82,39 @@ uint32_t divideUp(uint64_t dividend, uint32_t divisor) {
   return static_cast<uint32_t>((dividend + divisor - 1) / divisor);
 }
 
-// Largest distance in input frames from the window of a group's first output to the last one's; depends on the
-// bandwidth alone.
-uint32_t maxPhaseOffset(const Ratio& ratio) {
-  return divideUp((kGroup - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
+uint32_t groupOutputs(const Ratio& ratio) {
+  return ratio.L % 4 != 0 && ratio.L % 3 == 0 && ratio.L > 64 ? 3 : 4;  // a few rows may as well be there four times
 }
 
-// Floats of a row: the taps, and room for a zero for each input frame by which its window is ahead of the group's.
-uint32_t rowFloats(const Ratio& ratio) { return kLanes * divideUp(ratio.taps() + maxPhaseOffset(ratio), kLanes); }
+uint32_t groupsInTable(const Ratio& ratio) { return ratio.L / std::gcd(ratio.L, groupOutputs(ratio)); }
 
-// If the output rate is the lower one, its period is M / L input frames.
-uint32_t rowsPerInputFrame(const Ratio& ratio) {
-  return ratio.L < ratio.M ? divideUp(uint64_t{kRowsPerPeriod} * ratio.L, ratio.M) : kRowsPerPeriod;
+// Floats of a row: the taps, and room for a zero for each input frame by which the window of the group's last output
+// is ahead of the first one's.
+uint32_t rowFloats(const Ratio& ratio) {
+  const uint32_t ahead = divideUp((kMaxOutputs - 1) * uint64_t{std::max(ratio.L, ratio.M)}, ratio.L);
+  return kBlock * divideUp(ratio.taps() + ahead, kBlock);
 }
 
-uint32_t groupsInTable(const Ratio& ratio) { return ratio.L / std::gcd(ratio.L, kGroup); }
+// If the output rate is the lower one, its period is 1 / bandwidth input frames.
+uint32_t rowsPerInputFrame(const Stream& s) { return static_cast<uint32_t>(kRowsPerPeriod * s.bandwidth) + 1; }
 
 void buildTable(Stream& s) {
-  const auto [L, M] = s.ratio;
-  const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
-  const uint32_t rows = s.interpolates ? rowsPerFrame + 3 : groupsInTable(s.ratio) * kGroup;
-  // Zeros before the first row: interpolation reads up to maxPhaseOffset() floats ahead of a row.
-  const uint32_t before = s.interpolates ? maxPhaseOffset(s.ratio) : 0;
-  std::fill_n(s.table, before + rows * size_t{floats}, 0.0f);
-  uint64_t phase = 0;  // counted from the group's first frame
-  for (uint32_t row = 0; row < rows; ++row) {
-    float* const to = s.table + before + row * size_t{floats};
-    if (s.interpolates) {  // rows of one input frame, and one more on either side for the cubic
-      makeRow(to, taps, s.ratio.bandwidth(), (row - 1.0) / rowsPerFrame, s.kernelScratch);
-    } else {
-      makeRow(to + phase / L, taps, s.ratio.bandwidth(), static_cast<double>(phase % L) / L, s.kernelScratch);
-      phase = (row + 1) % kGroup == 0 ? (phase + M) % L : phase + M;
-    }
+  s.bandwidth = s.ratio.bandwidth();
+  s.taps = s.ratio.taps();
+  s.rowFloats = rowFloats(s.ratio);
+  const double first = 1.0 - s.taps / 2;
+  if (s.interpolates) {
+    const uint32_t rows = rowsPerInputFrame(s);
+    for (uint32_t row = 0; row <= rows; ++row)
+      makeRow(s.table + row * size_t{s.rowFloats}, s.rowFloats, kBlock, s.bandwidth, first - 1.0 * row / rows);
+    return;
   }
+  const uint32_t outputs = groupOutputs(s.ratio);
+  uint64_t phase = s.phase;  // counted from the group's first frame
+  for (uint32_t group = 0; group < groupsInTable(s.ratio); ++group, phase %= s.ratio.L)
+    for (uint32_t o = 0; o < outputs; ++o, phase += s.ratio.M)
+      makeRow(s.table + (group * size_t{s.rowFloats} * outputs + o * kBlock), s.rowFloats, outputs * kBlock,
+              s.bandwidth, first - (static_cast<double>(phase) + s.fraction) / s.ratio.L);
 }
 
 // Advances (frame, phase) by a fixed number of outputs.
@@ -125,33 +125,12 @@ struct Step {
       : L(ratio.L), frames(outputs * ratio.M / L), phases(outputs * ratio.M % L) {}
 
   void apply(size_t& frame, uint32_t& phase) const {
-    frame += frames;
     phase += phases;
-    if (phase >= L) {
-      phase -= L;
-      ++frame;
-    }
+    const bool wraps = phase >= L;  // no branch: it would not be predictable
+    phase -= wraps ? L : 0;
+    frame += frames + wraps;
   }
 };
-
-// Interpolates the group's rows, each by the cubic through the four rows of the table around it.
-void interpolateRows(const Stream& s, float* rows) {
-  const uint32_t floats = rowFloats(s.ratio), rowsPerFrame = rowsPerInputFrame(s.ratio);
-  const float* const table = s.table + maxPhaseOffset(s.ratio);
-  const double rowsPerPhase = static_cast<double>(rowsPerFrame) / s.ratio.L;
-  const Step step(s.ratio, 1);
-  size_t frame = 0;
-  uint32_t phase = s.phase;
-  for (uint32_t o = 0; o < kGroup; ++o, step.apply(frame, phase)) {
-    const double at = (phase + s.fraction) * rowsPerPhase;
-    const uint32_t row = std::min(static_cast<uint32_t>(at), rowsPerFrame - 1);
-    const double x = at - row;
-    const float weights[4] = {
-        static_cast<float>(x * (x - 1) * (2 - x) / 6), static_cast<float>((x + 1) * (x - 1) * (x - 2) / 2),
-        static_cast<float>((x + 1) * x * (2 - x) / 2), static_cast<float>((x + 1) * x * (x - 1) / 6)};
-    blend(table + row * size_t{floats} - frame, floats, weights, rows + o * size_t{floats});
-  }
-}
 
 // ---- setting up
 
@@ -164,63 +143,92 @@ T* alignUp(T* pointer) {
 
 // Offsets of the internal buffer's parts, in bytes from its first multiple of kAlignment.
 struct Layout {
-  size_t kernelScratch, table, history, end;
+  size_t table, history, end;
 
   Layout(uint32_t maxTaps, uint32_t channels)
-      : kernelScratch(alignUp(sizeof(Stream))),
-        table(kernelScratch + alignUp(maxTaps * sizeof(double))),
+      : table(alignUp(sizeof(Stream))),
         history(table + alignUp(tableFloats(maxTaps) * sizeof(float))),
         end(history + channels * historyFloats(maxTaps) * sizeof(float)) {}
 };
 
 uint32_t maxTapsOf(const SrcParam& param) { return 2 * Ratio(param.inSampleRate, param.outSampleRate).taps(); }
 
-// Changes the output rate; the next output begins a group and stands p behind its input frame. Rebuilds the table
-// only if it changes: rows to interpolate between depend on the bandwidth alone.
-void setRate(Stream& s, uint32_t outRate, double p) {
-  const Ratio old = s.ratio;
+// Changes the output rate; the next output begins a group and stands p behind its input frame. Rows to interpolate
+// between depend on the bandwidth alone; they stay if it changes by less than the tolerance.
+void setRate(Stream& s, uint32_t outRate, double p, double tolerance) {
   const bool interpolated = s.interpolates;
   s.param.outSampleRate = outRate;
   s.ratio = Ratio(s.param.inSampleRate, outRate);
-  const size_t floats = size_t{kGroup} * groupsInTable(s.ratio) * rowFloats(s.ratio);
-  s.interpolates = p != 0 || floats > kOrderedFloats;
+  s.interpolates = size_t{groupOutputs(s.ratio)} * groupsInTable(s.ratio) * rowFloats(s.ratio) > kOrderedFloats;
   s.phase = std::min(static_cast<uint32_t>(p * s.ratio.L), s.ratio.L - 1);
   s.fraction = p * s.ratio.L - s.phase;
   s.group = s.done = 0;
-  const bool isSame = s.interpolates ? s.ratio.bandwidth() == old.bandwidth() : s.ratio == old;
-  if (!isSame || s.interpolates != interpolated) buildTable(s);
+  const double change = s.ratio.bandwidth() / s.bandwidth - 1;
+  if (!(s.interpolates && interpolated && change >= -tolerance && change <= tolerance)) buildTable(s);
 }
 
 // Fills the history with silence and puts the first output on the first input frame.
 void reset(Stream& s) {
   std::fill_n(s.history, s.param.inChannels * historyFloats(s.maxTaps), 0.0f);
   s.filled = s.centre = s.maxTaps / 2 - 1;
-  setRate(s, s.param.outSampleRate, 0);
+  setRate(s, s.param.outSampleRate, 0, 0);
 }
 
 // ---- making output
 
-// Makes `frames` outputs: the rest of the group, then further groups. Groups are written whole, so the outputs begin
-// at output + s.done.
-void filter(Stream& s, float* output, float* rows, uint32_t frames) {
-  const uint32_t taps = s.ratio.taps(), floats = rowFloats(s.ratio), channels = s.param.inChannels;
-  const size_t stride = historyFloats(s.maxTaps);
-  const Step step(s.ratio, kGroup);
-  const uint32_t end = s.done + frames;
-  for (uint32_t begin = 0; begin < end; begin += kGroup) {
-    if (s.interpolates) interpolateRows(s, rows);
-    const float* const from = s.interpolates ? rows : s.table + s.group * size_t{kGroup} * floats;
-    const float* history = s.history + s.centre - (taps / 2 - 1);
-    for (uint32_t c = 0; c < channels; c += 2) {
-      const auto together = c + 1 < channels ? convolve<2> : convolve<1>;
-      together(from, floats, history + c * stride, stride, output + c * kOutputFloats + begin, kOutputFloats);
-    }
-    s.done = std::min(end - begin, kGroup);
-    if (s.done < kGroup) break;
-    step.apply(s.centre, s.phase);
-    s.group = s.group + 1 == groupsInTable(s.ratio) ? 0 : s.group + 1;
-    s.done = 0;
+// Filters a group for one or two channels; the outputs lie `stride` apart.
+template <uint32_t kOutputs, uint32_t kChannels, class Rows>
+[[gnu::always_inline]] inline void filterGroup(const Rows& rows, uint32_t floats, const float* history,
+                                               size_t historyFloats, float* out, size_t stride) {
+  Quad results[kChannels];
+  filterRows<kChannels>(rows, floats, history, historyFloats, results);
+  if constexpr (kChannels == 2) {
+    const Quad pairs[] = {__builtin_shufflevector(results[0], results[1], 0, 4, 1, 5),
+                          __builtin_shufflevector(results[0], results[1], 2, 6, 3, 7)};
+    for (uint32_t o = 0; o < kOutputs; ++o)
+      std::memcpy(out + o * stride, reinterpret_cast<const char*>(pairs) + o * 8, 8);
+  } else if (stride == 1) {
+    std::memcpy(out, results, sizeof *results);
+  } else {
+    for (uint32_t o = 0; o < kOutputs; ++o) out[o * stride] = results[0][o];
   }
+}
+
+// Makes `frames` outputs: the rest of the group, then further groups. Groups are written whole, so the outputs begin
+// at output + s.done * channels. kOutputs is 1 if rows are interpolated.
+template <uint32_t kOutputs>
+void filter(Stream& s, float* output, uint32_t frames) {
+  const uint32_t channels = s.param.inChannels, groups = groupsInTable(s.ratio), rows = rowsPerInputFrame(s);
+  const size_t floats = s.rowFloats, stride = historyFloats(s.maxTaps);
+  const double rowsPerPhase = static_cast<double>(rows) / s.ratio.L;
+  const Step step(s.ratio, kOutputs);
+  const float* history = s.history + s.centre - (s.taps / 2 - 1);
+  size_t frame = 0;  // of the history
+  uint32_t phase = s.phase, group = s.group, left = s.done + frames;
+  for (; left > 0; output += kOutputs * channels) {
+    const auto taps = [&] {
+      if constexpr (kOutputs > 1) {
+        return OrderedRows<kOutputs>{s.table + group * kOutputs * floats};
+      } else {
+        const double at = (phase + s.fraction) * rowsPerPhase;
+        const uint32_t row = std::min(static_cast<uint32_t>(at), rows - 1);
+        return InterpolatedRow{s.table + row * floats, floats, static_cast<float>(at - row)};
+      }
+    }();
+    uint32_t c = 0;
+    for (; c + 1 < channels; c += 2)
+      filterGroup<kOutputs, 2>(taps, s.rowFloats, history + c * stride + frame, stride, output + c, channels);
+    if (c < channels)
+      filterGroup<kOutputs, 1>(taps, s.rowFloats, history + c * stride + frame, stride, output + c, channels);
+    if (left < kOutputs) break;
+    left -= kOutputs;
+    step.apply(frame, phase);
+    group = group + 1 == groups ? 0 : group + 1;
+  }
+  s.centre += frame;
+  s.phase = phase;
+  s.group = group;
+  s.done = left;
 }
 
 // Index in the history of the input frame at or before an output; outputs are counted from the group's first.
@@ -228,7 +236,7 @@ uint64_t frameOf(const Stream& s, uint64_t output) { return s.centre + (s.phase 
 
 // Number of outputs for which the history suffices.
 uint64_t outputsPossible(const Stream& s) {
-  const size_t lookahead = s.ratio.taps() / 2;
+  const size_t lookahead = s.taps / 2;
   if (s.filled <= frameOf(s, s.done) + lookahead) return 0;
   const uint64_t phases = (s.filled - lookahead - s.centre) * s.ratio.L - 1 - s.phase;
   return phases / s.ratio.M + 1 - s.done;
@@ -254,19 +262,19 @@ void process(Stream& s, float* scratch, const unsigned char* src, uint32_t* inBy
   for (;;) {
     const uint32_t done = s.done;
     if (const auto frames = static_cast<uint32_t>(std::min<uint64_t>({outputsPossible(s), room, kBlockFrames}))) {
-      filter(s, scratch, scratch + channels * kOutputFloats, frames);
-      interleave<Out>(scratch + done, kOutputFloats, gain, channels, frames, dst);
+      (s.interpolates ? filter<1> : groupOutputs(s.ratio) == 3 ? filter<3> : filter<4>)(s, scratch, frames);
+      toSamples<Out>(scratch + done * channels, gain, frames * channels, dst);
       dst += frames * outFrameBytes;
       room -= frames;
       continue;
     }
     // Takes the input that the outputs with room need; without room, the input that makes no output possible yet.
     const uint64_t last = room > 0 ? frameOf(s, done + room - 1) + 1 : frameOf(s, done);
-    const uint64_t most = last + s.ratio.taps() / 2;
+    const uint64_t most = last + s.taps / 2;
     const size_t taken = std::min<uint64_t>({offered, most - std::min<uint64_t>(most, s.filled), kBlockFrames});
     if (taken == 0) break;
     if (s.filled + taken > historyFloats(s.maxTaps) - s.maxTaps) dropOldFrames(s);
-    deinterleave<In>(src, channels, taken, s.history + s.filled, historyFloats(s.maxTaps));
+    toPlanes<In>(src, channels, taken, s.history + s.filled, historyFloats(s.maxTaps));
     s.filled += taken;
     src += taken * inFrameBytes;
     offered -= taken;
@@ -283,8 +291,7 @@ int32_t Palix_GetBufferSize(uint32_t* internalBytes, uint32_t* scratchBytes, Src
   const uint32_t maxTaps = maxTapsOf(*param);
   const size_t alignment = kAlignment - 1;
   *internalBytes = static_cast<uint32_t>(alignment + Layout(maxTaps, param->inChannels).end);
-  *scratchBytes = static_cast<uint32_t>(
-      alignment + (param->inChannels * size_t{kOutputFloats} + rowsFloats(maxTaps)) * sizeof(float));
+  *scratchBytes = static_cast<uint32_t>(alignment + param->inChannels * size_t{kOutputFloats} * sizeof(float));
   return PALIX_OK;
 }
 
@@ -296,7 +303,6 @@ int32_t Palix_Open(void** instance, void* internal, SrcParam* param) {
   auto* const s = new (memory) Stream{};
   s->param = *param;
   s->maxTaps = maxTaps;
-  s->kernelScratch = reinterpret_cast<double*>(memory + layout.kernelScratch);
   s->table = reinterpret_cast<float*>(memory + layout.table);
   s->history = reinterpret_cast<float*>(memory + layout.history);
   reset(*s);
@@ -311,7 +317,7 @@ int32_t Palix_SetSamplingRate(void* instance, uint32_t outSampleRate) {
   if (outSampleRate == s.param.outSampleRate) return PALIX_OK;
   const uint64_t phase = s.phase + uint64_t{s.done} * s.ratio.M;
   s.centre += phase / s.ratio.L;
-  setRate(s, outSampleRate, (static_cast<double>(phase % s.ratio.L) + s.fraction) / s.ratio.L);
+  setRate(s, outSampleRate, (static_cast<double>(phase % s.ratio.L) + s.fraction) / s.ratio.L, 1e-3);
   return PALIX_OK;
 }
 

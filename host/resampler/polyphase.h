@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host resampler's inner loop: a group of four outputs at a time, so that each load of the history serves four
-// rows of taps, and each load of taps every channel.
+// The host resampler's inner loop: a group of three or four outputs at a time, so that each load of the history
+// serves all its rows of taps, and each load of taps every channel.
 //
-//   out[c][o] = sum over k < width of rows[o][k] * history[c][k]      o < 4, width a multiple of 16
+//   out[c][o] = sum over k < width of row(o)[k] * history[c][k]      width a multiple of 8
 //
-// A sum has 16 partial sums; number i adds the products i, i + 16, .... They are then added pairwise: 8 to 8, 4 to 4,
-// 2 to 2, 1 to 1. The result is the same for every width of
-// the machine's vectors.
+// The rows of a group are interleaved in blocks of 8 taps. A sum has 8 partial sums; number i adds the products i,
+// i + 8, .... They are then added 4 to 4, and neighbours twice. The result is the same for every width of the
+// machine's vectors.
 #ifndef KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 #define KESAUDIO_HOST_RESAMPLER_POLYPHASE_H
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,35 +18,60 @@
 
 namespace palix {
 
-constexpr uint32_t kLanes = 16;  // partial sums
-constexpr uint32_t kGroup = 4;   // outputs
+constexpr uint32_t kBlock = 8;       // taps of a row at a time, and partial sums
+constexpr uint32_t kMaxOutputs = 4;  // of a group
 
-// Vectors of the machine's own width: compilers generate poor code for wider ones.
-#if defined(__AVX512F__)
-constexpr uint32_t kVectorLanes = 16;
-#elif defined(__AVX__)
-constexpr uint32_t kVectorLanes = 8;
+template <uint32_t kLanes>
+struct VectorOf {
+  typedef float Type __attribute__((vector_size(4 * kLanes)));
+};
+template <uint32_t kLanes>
+using Vector = typename VectorOf<kLanes>::Type;
+using Quad = Vector<4>;
+
+// Lanes of the machine's own vectors: compilers generate poor code for wider ones. They hold half a block of a row,
+// or a block; or, where the rows of a group lie side by side, a block of two rows.
+#if defined(__AVX__)
+constexpr uint32_t kBlockLanes = 8;
 #else
-constexpr uint32_t kVectorLanes = 4;
+constexpr uint32_t kBlockLanes = 4;
 #endif
-constexpr uint32_t kVectors = kLanes / kVectorLanes;
+#if defined(__AVX512F__)
+constexpr uint32_t kPairLanes = 16;
+#else
+constexpr uint32_t kPairLanes = kBlockLanes;
+#endif
 
-typedef float Vector __attribute__((vector_size(4 * kVectorLanes)));
+#if defined(__aarch64__) || defined(__AVX512F__)
+constexpr uint32_t kRegisters = 32;
+#else
+constexpr uint32_t kRegisters = 16;
+#endif
 
-inline Vector load(const float* from) {
-  Vector v;
+template <uint32_t kLanes>
+Vector<kLanes> load(const float* from) {
+  Vector<kLanes> v;
   std::memcpy(&v, from, sizeof v);
   return v;
 }
 
-// Weighted sum of four rows that lie `floats` apart; floats is a multiple of 16.
-inline void blend(const float* rows, size_t floats, const float (&weights)[4], float* sum) {
-  for (size_t k = 0; k < floats; k += kVectorLanes) {
-    const Vector outer = weights[0] * load(rows + k) + weights[3] * load(rows + 3 * floats + k);
-    const Vector inner = weights[1] * load(rows + floats + k) + weights[2] * load(rows + 2 * floats + k);
-    const Vector all = outer + inner;
-    std::memcpy(sum + k, &all, sizeof all);
-  }
+// Samples for all rows of a vector.
+template <uint32_t kLanes>
+Vector<kLanes> loadSamples(const float* from) {
+  if constexpr (kLanes <= kBlock)
+    return load<kLanes>(from);
+  else
+    return __builtin_shufflevector(load<8>(from), load<8>(from), 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7);
+}
+
+template <uint32_t kQuad, class AnyVector>
+Quad quadOf(AnyVector v) {
+  return __builtin_shufflevector(v, v, 4 * kQuad, 4 * kQuad + 1, 4 * kQuad + 2, 4 * kQuad + 3);
+}
+
+// Adds neighbours: a's, then b's.
+inline Quad addNeighbours(Quad a, Quad b) {
+  return __builtin_shufflevector(a, b, 0, 2, 4, 6) + __builtin_shufflevector(a, b, 1, 3, 5, 7);
 }
 
 // Calls body(0) to body(kCount - 1) with compile-time constants, so that arrays of vectors stay in registers.
@@ -59,62 +83,74 @@ template <uint32_t kCount, class Body>
   (std::make_integer_sequence<uint32_t, kCount>());
 }
 
-// Adds the halves of every block of kBlock lanes, a's blocks first.
-template <uint32_t kBlock>
-[[gnu::always_inline]] inline Vector addHalves(Vector a, Vector b) {
-  constexpr uint32_t kHalf = kBlock / 2;
-  return [&]<uint32_t... kLane>(std::integer_sequence<uint32_t, kLane...>) __attribute__((always_inline)) {
-    return __builtin_shufflevector(a, b, (kLane / kHalf * kBlock + kLane % kHalf)...) +
-           __builtin_shufflevector(a, b, (kLane / kHalf * kBlock + kLane % kHalf + kHalf)...);
-  }
-  (std::make_integer_sequence<uint32_t, kVectorLanes>());
-}
+// The rows of a group: their blocks are interleaved.
+template <uint32_t kOutputs>
+struct OrderedRows {
+  static constexpr uint32_t kRows = kOutputs, kLanes = kOutputs % 2 == 0 ? kPairLanes : kBlockLanes;
+  static constexpr uint32_t kBlockFloats = kOutputs * kBlock;
+  const float* taps;
 
-// Sums each block of kBlock lanes of the vectors into one float.
-template <uint32_t kBlock, uint32_t kCount>
-[[gnu::always_inline]] inline void totals(const Vector (&sums)[kCount], float* results) {
-  if constexpr (kBlock == 1) {
-    std::memcpy(results, sums, sizeof sums);
-  } else {
-    Vector halves[(kCount + 1) / 2];
-    unrolled<(kCount + 1) / 2>([&](auto i) __attribute__((always_inline)) {
-      halves[i] = addHalves<kBlock>(sums[2 * i], sums[std::min(2 * i + 1, kCount - 1)]);
-    });
-    totals<kBlock / 2>(halves, results);
-  }
-}
+  Vector<kLanes> operator()(size_t at) const { return load<kLanes>(taps + at); }
+};
 
-// Convolves a group for kChannels channels; rows, histories and outputs lie width, historyFloats and outFloats apart.
-template <uint32_t kChannels>
-void convolve(const float* rows, uint32_t width, const float* history, size_t historyFloats, float* out,
-              size_t outFloats) {
-  constexpr uint32_t kSums = kChannels * kGroup;
-  Vector sums[kVectors][kSums];
-  unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
-    // One vector of partial sums at a time: the registers hold no more.
-    Vector lanes[kSums] = {};
-    for (uint32_t k = v * kVectorLanes; k < width; k += kLanes) {
-      unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
-        const Vector frames = load(history + c * historyFloats + k);
-        unrolled<kGroup>([&](auto o) __attribute__((always_inline)) {
-          lanes[c * kGroup + o] += load(rows + o * width + k) * frames;
+// One row, x of the way from one to the next, `floats` behind it.
+struct InterpolatedRow {
+  static constexpr uint32_t kRows = 1, kLanes = kBlockLanes;
+  static constexpr uint32_t kBlockFloats = kBlock;
+  const float* taps;
+  size_t floats;
+  float x;
+
+  Vector<kLanes> operator()(size_t at) const {
+    const auto from = load<kLanes>(taps + at);
+    return from + x * (load<kLanes>(taps + floats + at) - from);
+  }
+};
+
+// Sums of the rows for one or two channels, whose histories lie historyFloats apart.
+template <uint32_t kChannels, class Rows>
+[[gnu::always_inline]] inline void filterRows(const Rows rows, uint32_t width, const float* history,
+                                              size_t historyFloats, Quad (&results)[kChannels]) {
+  constexpr uint32_t kLanes = Rows::kLanes, kRows = Rows::kRows;
+  constexpr uint32_t kTogether = kLanes > kBlock ? kLanes / kBlock : 1;  // rows in a vector
+  constexpr uint32_t kVectors = kRows / kTogether, kParts = kBlock * kTogether / kLanes;
+  constexpr uint32_t kAtOnce = kParts * kChannels * kVectors <= kRegisters / 2 ? kParts : 1;
+  constexpr uint32_t kSums = kChannels * kVectors;
+  Vector<kLanes> sums[kParts * kSums];
+  unrolled<kParts / kAtOnce>([&](auto pass) __attribute__((always_inline)) {
+    Vector<kLanes> partial[kAtOnce * kSums] = {};
+    const float* frames = history + pass * kLanes;
+    size_t taps = pass * kLanes;
+#pragma GCC unroll 2
+    for (uint32_t k = 0; k < width; k += kBlock, taps += Rows::kBlockFloats, frames += kBlock) {
+      unrolled<kAtOnce>([&](auto part) __attribute__((always_inline)) {
+        Vector<kLanes> samples[kChannels];
+        unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
+          samples[c] = loadSamples<kLanes>(frames + c * historyFloats + part * kLanes);
+        });
+        unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
+          const auto row = rows(taps + v * kTogether * kBlock + part * kLanes);
+          unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
+            partial[part * kSums + c * kVectors + v] += row * samples[c];
+          });
         });
       });
     }
-    std::copy_n(lanes, kSums, sums[v]);
+    std::copy_n(partial, kAtOnce * kSums, sums + pass * kSums);
   });
-  if constexpr (kVectors > 2) {
-    unrolled<kSums>([&](auto i) __attribute__((always_inline)) {
-      sums[0][i] += sums[2][i];
-      sums[1][i] += sums[3][i];
+  unrolled<kChannels>([&](auto c) __attribute__((always_inline)) {
+    Quad quads[4] = {};
+    unrolled<kVectors>([&](auto v) __attribute__((always_inline)) {
+      const auto sum = sums[c * kVectors + v];
+      if constexpr (kParts == 2) {
+        quads[v] = sum + sums[kSums + c * kVectors + v];
+      } else {
+        quads[v * kTogether] = quadOf<0>(sum) + quadOf<1>(sum);
+        if constexpr (kTogether == 2) quads[2 * v + 1] = quadOf<2>(sum) + quadOf<3>(sum);
+      }
     });
-  }
-  if constexpr (kVectors > 1)
-    unrolled<kSums>([&](auto i) __attribute__((always_inline)) { sums[0][i] += sums[1][i]; });
-  float results[std::max(kSums, kVectorLanes)];
-  totals<kVectorLanes>(sums[0], results);
-  for (uint32_t c = 0; c < kChannels; ++c)
-    std::memcpy(out + c * outFloats, results + c * kGroup, kGroup * sizeof(float));
+    results[c] = addNeighbours(addNeighbours(quads[0], quads[1]), addNeighbours(quads[2], quads[3]));
+  });
 }
 
 }  // namespace palix

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The host resampler's samples: interleaved integers at its ends, planar float between them.
+// The host resampler's samples: interleaved integers at its ends, planes of floats in its history.
 #ifndef KESAUDIO_HOST_RESAMPLER_SAMPLES_H
 #define KESAUDIO_HOST_RESAMPLER_SAMPLES_H
 
@@ -18,7 +18,8 @@ inline float rounded(float value) {
 
 // Rounds a value and limits it to the range of the sample.
 inline int16_t sampleOf(float value, int16_t) {
-  return static_cast<int16_t>(rounded(std::min(std::max(value, -32768.0f), 32767.0f)));
+  constexpr float kOffset = 0x1.8p23f;
+  return static_cast<int16_t>((std::min(std::max(value, -32768.0f), 32767.0f) + kOffset) - kOffset);
 }
 inline int32_t sampleOf(float value, int32_t) {
   constexpr float kHighest = 0x1p31f - 0x1p7f;  // largest float below 2^31
@@ -26,53 +27,38 @@ inline int32_t sampleOf(float value, int32_t) {
   return value > kHighest ? INT32_MAX : inside;
 }
 
-// Calls body with the channel count, 1 to 8, as a compile-time constant.
-template <class Body>
-void withChannels(uint32_t count, Body body) {
-  [&]<uint32_t... kCount>(std::integer_sequence<uint32_t, kCount...>) {
-    ((count == kCount + 1 ? body(std::integral_constant<uint32_t, kCount + 1>()) : void()), ...);
+template <class Sample>
+Sample load(const unsigned char* from) {
+  Sample sample;
+  std::memcpy(&sample, from, sizeof sample);
+  return sample;
+}
+
+// Converts samples to floats, `channels` planes of them, planeFloats apart.
+template <class Sample>
+void toPlanes(const unsigned char* __restrict src, uint32_t channels, size_t frames, float* __restrict planes,
+              size_t planeFloats) {
+  constexpr size_t kBytes = sizeof(Sample);
+  if (channels == 2) {  // compilers vectorise both channels in one loop
+    float* __restrict const right = planes + planeFloats;
+    for (size_t f = 0; f < frames; ++f, src += 2 * kBytes) {
+      planes[f] = static_cast<float>(load<Sample>(src));
+      right[f] = static_cast<float>(load<Sample>(src + kBytes));
+    }
+    return;
   }
-  (std::make_integer_sequence<uint32_t, 8>());
+  for (uint32_t c = 0; c < channels; ++c, planes += planeFloats)
+    for (size_t f = 0; f < frames; ++f)
+      planes[f] = static_cast<float>(load<Sample>(src + (f * channels + c) * kBytes));
 }
 
-// Frames per step. A step makes two passes: compilers vectorise each of them, but not both in one.
-constexpr size_t kStepFrames = 64;
-
-// Converts frames of src to planes of floats, channel c at planes + c * planeFloats; interleave converts them back.
+// Converts floats times the gain to samples.
 template <class Sample>
-void deinterleave(const unsigned char* src, uint32_t channels, size_t frames, float* planes, size_t planeFloats) {
-  withChannels(channels, [&](auto count) {
-    Sample samples[count][kStepFrames];
-    for (size_t begin = 0; begin < frames; begin += kStepFrames) {
-      const size_t step = std::min(kStepFrames, frames - begin);
-      for (size_t f = 0; f < step; ++f) {
-        Sample frame[count];
-        std::memcpy(frame, src + (begin + f) * sizeof frame, sizeof frame);
-        for (uint32_t c = 0; c < count; ++c) samples[c][f] = frame[c];
-      }
-      for (uint32_t c = 0; c < count; ++c)
-        for (size_t f = 0; f < step; ++f) planes[c * planeFloats + begin + f] = static_cast<float>(samples[c][f]);
-    }
-  });
-}
-
-template <class Sample>
-void interleave(const float* planes, size_t planeFloats, float gain, uint32_t channels, size_t frames,
-                unsigned char* dst) {
-  withChannels(channels, [&](auto count) {
-    Sample samples[count][kStepFrames];
-    for (size_t begin = 0; begin < frames; begin += kStepFrames) {
-      const size_t step = std::min(kStepFrames, frames - begin);
-      for (uint32_t c = 0; c < count; ++c)
-        for (size_t f = 0; f < step; ++f)
-          samples[c][f] = sampleOf(planes[c * planeFloats + begin + f] * gain, Sample());
-      for (size_t f = 0; f < step; ++f) {
-        Sample frame[count];
-        for (uint32_t c = 0; c < count; ++c) frame[c] = samples[c][f];
-        std::memcpy(dst + (begin + f) * sizeof frame, frame, sizeof frame);
-      }
-    }
-  });
+void toSamples(const float* __restrict values, float gain, size_t count, unsigned char* __restrict dst) {
+  for (size_t i = 0; i < count; ++i) {
+    const Sample sample = sampleOf(values[i] * gain, Sample());
+    std::memcpy(dst + i * sizeof sample, &sample, sizeof sample);
+  }
 }
 
 }  // namespace palix

@@ -163,7 +163,7 @@ KESAUDIO_API void InitKesAudioSrcInC(KesAudioSrcInC* handle);
 
 /** A capacity in bytes that takes all output of a block of inBytes: the input's frames at the output rate, rounded
  * up, and one frame more. That holds for our library, except for the first block after SetParameter raised the output
- * rate, which can have 38 * new / old rate frames more; a device's may hold back more and give it later. 0 for a
+ * rate, which can have 30 * new / old rate frames more; a device's may hold back more and give it later. 0 for a
  * format above 3, a count or input rate of 0, or 2^32 bytes or more. param may be a record's mParam. Any thread. */
 KESAUDIO_API uint32_t kes_resampler_max_output(const SrcParam* param, uint32_t inBytes);
 
